@@ -1,0 +1,308 @@
+/*
+ * Lumetra Depth: metric depth from a calibrated stereo camera pair.
+ *
+ * A host creates a handle from a YAML configuration file, feeds stacked stereo
+ * frames (left view above right view in one 8-bit image), optionally colour
+ * frames of an auxiliary camera and tracker poses, and reads back depth,
+ * disparity, rectified images, rectification matrices and point clouds.
+ *
+ * Conventions for every function below:
+ *  - The result is 0 on success and 1 on failure; errors are reported as one
+ *    time-stamped line on standard output.
+ *  - Every buffer a record points to is allocated and owned by the caller. The
+ *    library copies pixels out of input records before returning and copies
+ *    results into output buffers; it never keeps a caller's pointer.
+ *  - Depth is a 32-bit float per pixel in the length unit of the calibration's
+ *    translations; 0.0f marks a pixel without depth.
+ *  - Camera frames have Z forward; pixel (u, v) is column u, row v, integer
+ *    coordinates at pixel centres.
+ *
+ * The records have a fixed binary layout (x86-64, natural alignment); the
+ * static assertions at the end of this file pin every size and offset.
+ */
+#ifndef LUMETRA_DEPTH_H
+#define LUMETRA_DEPTH_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define LUMO_API __attribute__((visibility("default")))
+#else
+#define LUMO_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Image records ------------------------------------------------------ */
+
+/* One 8-bit image: a stacked stereo frame (width x 2*height, left view on top),
+ * a colour frame, or a rectified image. 48 bytes. */
+typedef struct LumoImage {
+  uint32_t tag0;      /* host's opaque value, carried into outputs unchanged */
+  uint32_t tag1;      /* as tag0 */
+  uint64_t timestamp; /* host's capture time, host's units; matches depth with colour and poses */
+  uint32_t width;     /* columns */
+  uint32_t height;    /* rows (twice the per-camera height for a stacked stereo frame) */
+  uint32_t channels;  /* 1 = grey, 3 = three interleaved 8-bit channels; other values are refused */
+  uint16_t format;    /* host's pixel-format tag, carried through; rectified output sets 0 */
+  uint16_t reserved;  /* padding */
+  uint32_t stride;    /* bytes per row; recomputed as channels * width for frames taken in */
+  uint32_t size;      /* bytes of pixel data (stride * height) */
+  uint8_t* data;      /* caller-owned pixels, rows packed top to bottom */
+} LumoImage;
+
+/* One float image (depth or disparity). Same layout as LumoImage. Output
+ * buffers must hold the `size` bytes of the image that the configuration
+ * produces: width * height * channels * 4. 48 bytes. */
+typedef struct LumoDepthImage {
+  uint32_t tag0;      /* carried over from the stereo frame the depth came from */
+  uint32_t tag1;
+  uint64_t timestamp; /* time stamp of that stereo frame */
+  uint32_t width;
+  uint32_t height;
+  uint32_t channels;  /* 1 for depth */
+  uint16_t format;
+  uint16_t reserved;
+  uint32_t stride;
+  uint32_t size;      /* bytes of data: width * height * channels * 4 */
+  float* data;        /* caller-owned floats, one per pixel, rows packed; 0.0f = no depth */
+} LumoDepthImage;
+
+/* One tracker pose. 72 bytes, copied verbatim into the library's pose ring. */
+typedef struct LumoPose {
+  uint64_t timestamp;     /* same units as the frames' time stamps */
+  double position[3];     /* translation x, y, z */
+  double orientation[4];  /* unit quaternion w, x, y, z */
+  uint8_t reserved[8];    /* copied, never read */
+} LumoPose;
+
+/* A point cloud handed out by KORV_LUMO_D_GetPointcloud. 32 bytes. */
+typedef struct LumoMap {
+  int32_t type;        /* written as 0 */
+  int32_t reserved0;   /* padding */
+  uint64_t timestamp;  /* time stamp of the depth frame the cloud was built from */
+  int32_t num;         /* points written */
+  int32_t reserved1;   /* padding */
+  float* points;       /* caller-owned, 3 floats (x, y, z) per point, capacity given separately */
+} LumoMap;
+
+/* Rectification of the stereo pair, row-major floats. 172 bytes. With
+ * restore_depth_dim on, the focal, principal-point and baseline terms of P1/P2
+ * describe the full-size input images, otherwise the scaled working images. */
+typedef struct LumoRectifyInfo {
+  float reserved; /* not written */
+  float R1[9];    /* rectification rotation of the first camera */
+  float R2[9];    /* rectification rotation of the second camera */
+  float P1[12];   /* 3x4 projection of the first rectified camera */
+  float P2[12];   /* 3x4 projection of the second; P2[3] = fx * baseline term */
+} LumoRectifyInfo;
+
+/* ---- Calibration records (written by the tracking library) -------------- */
+
+/* One camera's lens. 80 bytes. distortion_model: 0 none, 1 equidistant
+ * (k1 k2 k3 k4), 2 radtan (k1 k2 p1 p2), 3 five coefficients (k1 k2 p1 p2 k3),
+ * 4 rational (k1 k2 p1 p2 k3 k4 k5 k6); unused coefficients are zero. */
+typedef struct LumoIntrinsics {
+  uint8_t camera_model;       /* producer's projection-model code; carried only */
+  uint8_t reserved0[3];
+  uint32_t width;             /* calibration resolution, pixels */
+  uint32_t height;
+  float fx, fy;               /* focal lengths, pixels */
+  float cx, cy;               /* principal point, pixels */
+  float extra[4];             /* carried and printed, never used */
+  uint8_t distortion_model;
+  uint8_t reserved1[3];
+  float distortion_coeffs[8];
+} LumoIntrinsics;
+
+/* Rigid transform p_target = R * p_source + t. 48 bytes. */
+typedef struct LumoExtrinsics {
+  float rotation[9];    /* R, row-major */
+  float translation[3]; /* t, calibration length unit */
+} LumoExtrinsics;
+
+/* One camera of the chain. 192 bytes. available_mask bits: 0x01 intrinsics,
+ * 0x02 T_cn_cnm1, 0x04 T_cn_imu, 0x08 timeshift. */
+typedef struct LumoCameraCalib {
+  uint8_t camera_id;
+  uint8_t available_mask;
+  uint8_t reserved0[2];
+  LumoIntrinsics intrinsics;
+  LumoExtrinsics T_cn_cnm1; /* camera n-1 -> camera n; meaningless for camera 0 */
+  LumoExtrinsics T_cn_imu;  /* IMU -> this camera */
+  uint8_t reserved1[4];
+  double timeshift;         /* t_imu - t_cam, seconds */
+} LumoCameraCalib;
+
+/* The whole camera chain plus the inertial sensor. 624 bytes. */
+typedef struct LumoCalibrationParam {
+  uint32_t num_cameras;      /* valid entries of cameras; never more than 3 */
+  uint32_t downsize_ratio;   /* producer's image down-sizing; printed only */
+  LumoCameraCalib cameras[3];
+  double accel_noise_density;
+  double accel_random_walk;
+  double gyro_noise_density;
+  double gyro_random_walk;
+  float imu_update_rate;     /* Hz */
+  uint8_t reserved[4];
+} LumoCalibrationParam;
+
+/* ---- Exported functions ------------------------------------------------- */
+/* `handle` is the opaque value stored by KORV_LUMO_D_CreateHandleWithConfig.
+ * A null handle gives 1 from every function, without a message. */
+
+/* Creates a handle and configures it from the YAML file at configPath (relative
+ * paths inside it are taken against its directory). Stores the handle in
+ * *handle first and returns 0 even when the file is missing or faulty (the
+ * error is logged); the host must destroy the handle in every case. A missing
+ * required key ends the process. */
+LUMO_API int KORV_LUMO_D_CreateHandleWithConfig(void** handle, const char* configPath);
+
+/* Stops the pipeline's threads and frees everything. */
+LUMO_API int KORV_LUMO_D_DestroyHandle(void* handle);
+
+/* Feeds one stacked stereo frame: width = configured per-camera width, height =
+ * twice the configured per-camera height, channels 1 or 3. In synchronous mode
+ * (async_mode 0) waits up to about 2 s for the frame's depth. */
+LUMO_API int KORV_LUMO_D_FeedStereoImage(void* handle, LumoImage* frame);
+
+/* Feeds one frame of the auxiliary colour camera (alignment). */
+LUMO_API int KORV_LUMO_D_FeedRGBImage(void* handle, LumoImage* frame);
+
+/* Feeds one tracker pose (point clouds of type 2). */
+LUMO_API int KORV_LUMO_D_FeedPose(void* handle, LumoPose* pose);
+
+/* Copies the latest depth (and, when not null, disparity and the aligned colour
+ * image) into caller buffers. Returns 1 until the first depth exists. */
+LUMO_API int KORV_LUMO_D_GetDepthImage(void* handle, LumoDepthImage* depth,
+                                       LumoDepthImage* disparity, LumoImage* aligned);
+
+/* Copies the latest rectified stacked pair (3 channels, RGB order). */
+LUMO_API int KORV_LUMO_D_GetRectifiedImage(void* handle, LumoImage* out);
+
+/* Writes the rectification rotations and projections into *info. */
+LUMO_API int KORV_LUMO_D_GetRectifyInfo(void* handle, LumoRectifyInfo* info);
+
+/* Copies at most maxPoints points of the latest cloud into map->points. */
+LUMO_API int KORV_LUMO_D_GetPointcloud(void* handle, LumoMap* map, int maxPoints);
+
+/* Replaces the calibration by the one of a running Navra tracker handle. */
+LUMO_API int KORV_LUMO_D_BindNavra(void* handle, void* navraHandle);
+
+#ifdef __cplusplus
+} /* extern "C" */
+
+namespace KorvLumetra {
+
+using ::LumoImage;
+using ::LumoDepthImage;
+using ::LumoPose;
+using ::LumoMap;
+using ::LumoRectifyInfo;
+using ::LumoIntrinsics;
+using ::LumoExtrinsics;
+using ::LumoCameraCalib;
+using ::LumoCalibrationParam;
+
+/* The namespaced twins of the functions above, same behaviour. */
+LUMO_API int KORV_LUMO_D_CreateHandleWithConfig(void** handle, const char* configPath);
+LUMO_API int KORV_LUMO_D_DestroyHandle(void* handle);
+LUMO_API int KORV_LUMO_D_FeedStereoImage(void* handle, LumoImage* frame);
+LUMO_API int KORV_LUMO_D_FeedRGBImage(void* handle, LumoImage* frame);
+LUMO_API int KORV_LUMO_D_FeedPose(void* handle, LumoPose* pose);
+LUMO_API int KORV_LUMO_D_GetDepthImage(void* handle, LumoDepthImage* depth,
+                                       LumoDepthImage* disparity, LumoImage* aligned);
+LUMO_API int KORV_LUMO_D_GetRectifiedImage(void* handle, LumoImage* out);
+LUMO_API int KORV_LUMO_D_GetRectifyInfo(void* handle, LumoRectifyInfo* info);
+LUMO_API int KORV_LUMO_D_GetPointcloud(void* handle, LumoMap* map, int maxPoints);
+LUMO_API int KORV_LUMO_D_BindNavra(void* handle, void* navraHandle);
+
+/* 3-D coordinates of `count` pixels (pixels holds u, v pairs) of a depth image,
+ * written as x, y, z triples into out (3 * count floats). C++ only: there is
+ * deliberately no unmangled twin. */
+LUMO_API int KORV_LUMO_D_GetCoordinates(void* handle, const int* pixels, int count,
+                                        const LumoDepthImage* depth, float* out);
+
+}  // namespace KorvLumetra
+#endif /* __cplusplus */
+
+/* ---- Layout checks ------------------------------------------------------ */
+#ifdef __cplusplus
+#define LUMO_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+#else
+#define LUMO_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#endif
+
+LUMO_STATIC_ASSERT(sizeof(LumoImage) == 48, "LumoImage size");
+LUMO_STATIC_ASSERT(offsetof(LumoImage, tag0) == 0, "LumoImage.tag0");
+LUMO_STATIC_ASSERT(offsetof(LumoImage, tag1) == 4, "LumoImage.tag1");
+LUMO_STATIC_ASSERT(offsetof(LumoImage, timestamp) == 8, "LumoImage.timestamp");
+LUMO_STATIC_ASSERT(offsetof(LumoImage, width) == 16, "LumoImage.width");
+LUMO_STATIC_ASSERT(offsetof(LumoImage, height) == 20, "LumoImage.height");
+LUMO_STATIC_ASSERT(offsetof(LumoImage, channels) == 24, "LumoImage.channels");
+LUMO_STATIC_ASSERT(offsetof(LumoImage, format) == 28, "LumoImage.format");
+LUMO_STATIC_ASSERT(offsetof(LumoImage, stride) == 32, "LumoImage.stride");
+LUMO_STATIC_ASSERT(offsetof(LumoImage, size) == 36, "LumoImage.size");
+LUMO_STATIC_ASSERT(offsetof(LumoImage, data) == 40, "LumoImage.data");
+
+LUMO_STATIC_ASSERT(sizeof(LumoDepthImage) == 48, "LumoDepthImage size");
+LUMO_STATIC_ASSERT(offsetof(LumoDepthImage, timestamp) == 8, "LumoDepthImage.timestamp");
+LUMO_STATIC_ASSERT(offsetof(LumoDepthImage, width) == 16, "LumoDepthImage.width");
+LUMO_STATIC_ASSERT(offsetof(LumoDepthImage, height) == 20, "LumoDepthImage.height");
+LUMO_STATIC_ASSERT(offsetof(LumoDepthImage, channels) == 24, "LumoDepthImage.channels");
+LUMO_STATIC_ASSERT(offsetof(LumoDepthImage, format) == 28, "LumoDepthImage.format");
+LUMO_STATIC_ASSERT(offsetof(LumoDepthImage, stride) == 32, "LumoDepthImage.stride");
+LUMO_STATIC_ASSERT(offsetof(LumoDepthImage, size) == 36, "LumoDepthImage.size");
+LUMO_STATIC_ASSERT(offsetof(LumoDepthImage, data) == 40, "LumoDepthImage.data");
+
+LUMO_STATIC_ASSERT(sizeof(LumoPose) == 72, "LumoPose size");
+LUMO_STATIC_ASSERT(offsetof(LumoPose, position) == 8, "LumoPose.position");
+LUMO_STATIC_ASSERT(offsetof(LumoPose, orientation) == 32, "LumoPose.orientation");
+LUMO_STATIC_ASSERT(offsetof(LumoPose, reserved) == 64, "LumoPose.reserved");
+
+LUMO_STATIC_ASSERT(sizeof(LumoMap) == 32, "LumoMap size");
+LUMO_STATIC_ASSERT(offsetof(LumoMap, type) == 0, "LumoMap.type");
+LUMO_STATIC_ASSERT(offsetof(LumoMap, timestamp) == 8, "LumoMap.timestamp");
+LUMO_STATIC_ASSERT(offsetof(LumoMap, num) == 16, "LumoMap.num");
+LUMO_STATIC_ASSERT(offsetof(LumoMap, points) == 24, "LumoMap.points");
+
+LUMO_STATIC_ASSERT(sizeof(LumoRectifyInfo) == 172, "LumoRectifyInfo size");
+LUMO_STATIC_ASSERT(offsetof(LumoRectifyInfo, R1) == 4, "LumoRectifyInfo.R1");
+LUMO_STATIC_ASSERT(offsetof(LumoRectifyInfo, R2) == 40, "LumoRectifyInfo.R2");
+LUMO_STATIC_ASSERT(offsetof(LumoRectifyInfo, P1) == 76, "LumoRectifyInfo.P1");
+LUMO_STATIC_ASSERT(offsetof(LumoRectifyInfo, P2) == 124, "LumoRectifyInfo.P2");
+
+LUMO_STATIC_ASSERT(sizeof(LumoIntrinsics) == 80, "LumoIntrinsics size");
+LUMO_STATIC_ASSERT(offsetof(LumoIntrinsics, width) == 4, "LumoIntrinsics.width");
+LUMO_STATIC_ASSERT(offsetof(LumoIntrinsics, height) == 8, "LumoIntrinsics.height");
+LUMO_STATIC_ASSERT(offsetof(LumoIntrinsics, fx) == 12, "LumoIntrinsics.fx");
+LUMO_STATIC_ASSERT(offsetof(LumoIntrinsics, fy) == 16, "LumoIntrinsics.fy");
+LUMO_STATIC_ASSERT(offsetof(LumoIntrinsics, cx) == 20, "LumoIntrinsics.cx");
+LUMO_STATIC_ASSERT(offsetof(LumoIntrinsics, cy) == 24, "LumoIntrinsics.cy");
+LUMO_STATIC_ASSERT(offsetof(LumoIntrinsics, extra) == 28, "LumoIntrinsics.extra");
+LUMO_STATIC_ASSERT(offsetof(LumoIntrinsics, distortion_model) == 44, "LumoIntrinsics.distortion_model");
+LUMO_STATIC_ASSERT(offsetof(LumoIntrinsics, distortion_coeffs) == 48, "LumoIntrinsics.distortion_coeffs");
+
+LUMO_STATIC_ASSERT(sizeof(LumoExtrinsics) == 48, "LumoExtrinsics size");
+LUMO_STATIC_ASSERT(offsetof(LumoExtrinsics, translation) == 36, "LumoExtrinsics.translation");
+
+LUMO_STATIC_ASSERT(sizeof(LumoCameraCalib) == 192, "LumoCameraCalib size");
+LUMO_STATIC_ASSERT(offsetof(LumoCameraCalib, available_mask) == 1, "LumoCameraCalib.available_mask");
+LUMO_STATIC_ASSERT(offsetof(LumoCameraCalib, intrinsics) == 4, "LumoCameraCalib.intrinsics");
+LUMO_STATIC_ASSERT(offsetof(LumoCameraCalib, T_cn_cnm1) == 84, "LumoCameraCalib.T_cn_cnm1");
+LUMO_STATIC_ASSERT(offsetof(LumoCameraCalib, T_cn_imu) == 132, "LumoCameraCalib.T_cn_imu");
+LUMO_STATIC_ASSERT(offsetof(LumoCameraCalib, timeshift) == 184, "LumoCameraCalib.timeshift");
+
+LUMO_STATIC_ASSERT(sizeof(LumoCalibrationParam) == 624, "LumoCalibrationParam size");
+LUMO_STATIC_ASSERT(offsetof(LumoCalibrationParam, downsize_ratio) == 4, "LumoCalibrationParam.downsize_ratio");
+LUMO_STATIC_ASSERT(offsetof(LumoCalibrationParam, cameras) == 8, "LumoCalibrationParam.cameras");
+LUMO_STATIC_ASSERT(offsetof(LumoCalibrationParam, accel_noise_density) == 584, "LumoCalibrationParam.accel_noise_density");
+LUMO_STATIC_ASSERT(offsetof(LumoCalibrationParam, accel_random_walk) == 592, "LumoCalibrationParam.accel_random_walk");
+LUMO_STATIC_ASSERT(offsetof(LumoCalibrationParam, gyro_noise_density) == 600, "LumoCalibrationParam.gyro_noise_density");
+LUMO_STATIC_ASSERT(offsetof(LumoCalibrationParam, gyro_random_walk) == 608, "LumoCalibrationParam.gyro_random_walk");
+LUMO_STATIC_ASSERT(offsetof(LumoCalibrationParam, imu_update_rate) == 616, "LumoCalibrationParam.imu_update_rate");
+
+#endif /* LUMETRA_DEPTH_H */

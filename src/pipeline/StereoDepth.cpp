@@ -1,0 +1,453 @@
+#include "pipeline/StereoDepth.h"
+
+#include <pthread.h>
+
+#include <array>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <ctime>
+#include <iostream>
+#include <map>
+#include <utility>
+
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "api/ErrorLog.h"
+
+namespace KorvLumetra {
+
+namespace {
+
+constexpr float kFloatEpsilon = 1.1920929e-7f;
+constexpr int kSyncPolls = 2000;
+constexpr int kSyncPollsDebug = 200000;  // debug dumps are slow
+
+// Buffers are allocated without being touched, so that capacity never used
+// costs address space only, not resident memory.
+LumoImage* newImageRecord(std::size_t bytes) {
+  auto* record = new LumoImage{};
+  record->data = new uint8_t[bytes];
+  return record;
+}
+
+LumoDepthImage* newDepthRecord(std::size_t bytes) {
+  auto* record = new LumoDepthImage{};
+  record->data = new float[bytes / sizeof(float)];
+  return record;
+}
+
+template <typename Record>
+void deleteRecord(Record*& record) {
+  if (record != nullptr) delete[] record->data;
+  delete record;
+  record = nullptr;
+}
+
+void sleepNanos(long nanos) {
+  timespec request{0, nanos};
+  timespec remaining{};
+  while (nanosleep(&request, &remaining) == -1 && errno == EINTR) request = remaining;
+}
+
+// Copies every header field and `size` bytes of data, keeping dst's buffer.
+template <typename Dst, typename Src>
+void copyRecord(Dst* dst, const Src* src) {
+  dst->tag0 = src->tag0;
+  dst->tag1 = src->tag1;
+  dst->timestamp = src->timestamp;
+  dst->width = src->width;
+  dst->height = src->height;
+  dst->channels = src->channels;
+  dst->format = src->format;
+  dst->stride = src->stride;
+  dst->size = src->size;
+  std::memcpy(dst->data, src->data, src->size);
+}
+
+}  // namespace
+
+StereoDepth::StereoDepth() {
+  newFrame_.store(0);
+  running_.store(1);
+  preprocessThread_ = std::thread(&StereoDepth::preprocessLoop, this);
+
+  incomingStereo_ = newImageRecord(kStereoBufferBytes);
+  workingStereo_ = newImageRecord(kStereoBufferBytes);
+  rectified_ = newImageRecord(kStereoBufferBytes);
+  colourConversion_ = newImageRecord(kStereoBufferBytes);
+  depth_ = newDepthRecord(kDepthBufferBytes);
+  disparity_ = newDepthRecord(kDepthBufferBytes);
+  depthOutput_ = newDepthRecord(kOutputBufferBytes);
+  alignedColour_ = newImageRecord(kColourBufferBytes);
+  colourInput_ = newImageRecord(kColourBufferBytes);
+  colourToDepth_ = newImageRecord(kColourBufferBytes);
+  depthToColour_ = newDepthRecord(kOutputBufferBytes);
+
+  stereoRing_ = std::make_unique<LumoUtils::LumoImageRing>(kStereoRingSlots, kRingSlotBytes);
+  colourRing_ = std::make_unique<LumoUtils::LumoImageRing>(kColourRingSlots, kRingSlotBytes);
+  poseRing_ = std::make_unique<LumoUtils::LumoPoseRing>(kPoseRingSlots);
+
+  resultThread_ = std::thread(&StereoDepth::updateResult, this);
+}
+
+StereoDepth::~StereoDepth() {
+  {
+    // Under the frame mutex, so that the preprocessing thread cannot miss the
+    // wake-up between its check of the flag and its wait.
+    std::lock_guard<std::mutex> lock(frameMutex_);
+    running_.store(0);
+    newFrame_.store(0);
+  }
+  frameCondition_.notify_all();
+  if (resultThread_.joinable()) resultThread_.join();
+  {
+    std::lock_guard<std::mutex> lock(engineMutex_);
+    for (auto& engine : engines_) engine.reset();
+    engines_.clear();
+  }
+  if (preprocessThread_.joinable()) preprocessThread_.join();
+
+  stereoRing_.reset();
+  colourRing_.reset();
+  poseRing_.reset();
+  deleteRecord(incomingStereo_);
+  deleteRecord(workingStereo_);
+  deleteRecord(rectified_);
+  deleteRecord(colourConversion_);
+  deleteRecord(depth_);
+  deleteRecord(disparity_);
+  deleteRecord(depthOutput_);
+  deleteRecord(alignedColour_);
+  deleteRecord(colourInput_);
+  deleteRecord(colourToDepth_);
+  deleteRecord(depthToColour_);
+}
+
+void StereoDepth::addEngine(std::unique_ptr<StereoEngineBase> engine) {
+  if (engine == nullptr) return;
+  std::lock_guard<std::mutex> lock(engineMutex_);
+  engines_.push_back(std::move(engine));
+}
+
+std::size_t StereoDepth::engineCount() {
+  std::lock_guard<std::mutex> lock(engineMutex_);
+  return engines_.size();
+}
+
+int StereoDepth::setDepthAlignedInfo(int cameraIndex, bool direction, bool enabled) {
+  alignedCamIndex_ = cameraIndex;
+  alignDirection_ = direction;
+  alignEnabled_.store(enabled);
+  alignInitialized_ = false;
+  return 0;
+}
+
+int StereoDepth::feedStereoImage(LumoImage* frame) {
+  if (moduleEnabled_ == 0) {
+    logError("feedStereoImage", "depth module is not enabled");
+    return 1;
+  }
+  if (rectMap1List_.empty() || inputSizes_.empty()) {
+    logError("feedStereoImage", "rectify map or camera image size not exists");
+    return 1;
+  }
+  const ImageSize input = inputSizes_[stereoCamIndex_];
+  if (static_cast<int>(frame->width) != input.width ||
+      static_cast<int>(frame->height) != 2 * input.height) {
+    logError("feedStereoImage", "input image size does not match config params");
+    return 1;
+  }
+
+  cv::Mat original;
+  if (frame->channels == 1) {
+    original = cv::Mat(static_cast<int>(frame->height), static_cast<int>(frame->width), CV_8UC1, frame->data);
+  } else if (frame->channels == 3) {
+    original = cv::Mat(static_cast<int>(frame->height), static_cast<int>(frame->width), CV_8UC3, frame->data);
+  }
+
+  if (debugImage_ != 0) {
+    const std::string stamp = formatTimestamp(frame->timestamp);
+    if (!original.empty()) cv::imwrite(debugImgSavePath_ + "/debug_origin_" + stamp + ".bmp", original);
+    std::cout << "origin image save to : " << debugImgSavePath_ + "/origin_" + stamp + ".bmp" << std::endl;
+  }
+
+  cv::Mat image = original;
+  const float scale = scaleRatios_[stereoCamIndex_];
+  if (std::fabs(scale - 1.0f) > kFloatEpsilon && !original.empty()) {
+    const ImageSize scaled = scaledSizes_[stereoCamIndex_];
+    cv::resize(original, image, cv::Size(scaled.width, 2 * scaled.height), 0, 0, cv::INTER_LINEAR);
+  }
+
+  // An unsupported channel code travels on with an empty image, so that the
+  // preprocessing thread reports it.
+  const uint32_t channels = image.empty() ? frame->channels : static_cast<uint32_t>(image.channels());
+  const auto fill = [&](LumoImage* record) {
+    record->tag0 = frame->tag0;
+    record->tag1 = frame->tag1;
+    record->timestamp = frame->timestamp;
+    record->format = frame->format;
+    record->width = static_cast<uint32_t>(image.cols);
+    record->height = static_cast<uint32_t>(image.rows);
+    record->channels = channels;
+    record->stride = channels * record->width;
+    record->size = static_cast<uint32_t>(image.total() * image.elemSize());
+    if (record->size != 0) std::memcpy(record->data, image.data, record->size);
+  };
+
+  {
+    std::lock_guard<std::mutex> lock(frameMutex_);
+    fill(incomingStereo_);
+    framePending_ = true;
+    newFrame_.store(1);
+  }
+
+  if (debugImage_ != 0 && !image.empty()) {
+    cv::imwrite(debugImgSavePath_ + "/debug_feedresizedImg_" + formatTimestamp(frame->timestamp) + ".bmp",
+                image);
+  }
+
+  {
+    std::lock_guard<std::mutex> lock(stereoRingMutex_);
+    stereoRing_->push();
+    fill(stereoRing_->back());
+  }
+  frameCondition_.notify_one();
+
+  if (asyncMode_ != 0) return 0;
+
+  const int budget = debugImage_ != 0 ? kSyncPollsDebug : kSyncPolls;
+  for (int poll = 0; poll < budget; ++poll) {
+    if (depthOfFrameReady(frame->timestamp)) return 0;
+    sleepNanos(1000000);
+  }
+  return 1;
+}
+
+bool StereoDepth::depthOfFrameReady(uint64_t timestamp) {
+  std::lock_guard<std::mutex> lock(resultMutex_);
+  if (alignEnabled_.load()) {
+    return depthToColour_->timestamp == timestamp || colourToDepth_->timestamp == timestamp;
+  }
+  return depth_->timestamp == timestamp;
+}
+
+void StereoDepth::preprocessLoop() {
+  pthread_setname_np(pthread_self(), "KorvDepthPre");
+  while (running_.load() != 0) {
+    {
+      std::unique_lock<std::mutex> lock(frameMutex_);
+      // A frame fed while this thread was busy is taken at once instead of
+      // waiting for the next one to arrive.
+      frameCondition_.wait(lock, [this] { return framePending_ || running_.load() == 0; });
+      if (running_.load() == 0) return;
+      framePending_ = false;
+      if (newFrame_.load() == 0) continue;
+      std::swap(incomingStereo_, workingStereo_);
+    }
+    LumoImage* frame = workingStereo_;
+
+    const int rows = static_cast<int>(frame->height / 2);
+    const int cols = static_cast<int>(frame->width);
+    const std::size_t halfBytes = static_cast<std::size_t>(cols) * rows * 3;
+    cv::Mat colourTop(rows, cols, CV_8UC3, colourConversion_->data);
+    cv::Mat colourBottom(rows, cols, CV_8UC3, colourConversion_->data + halfBytes);
+    if (frame->channels == 1) {
+      const std::size_t greyHalf = static_cast<std::size_t>(cols) * rows;
+      cv::cvtColor(cv::Mat(rows, cols, CV_8UC1, frame->data), colourTop, cv::COLOR_GRAY2BGR);
+      cv::cvtColor(cv::Mat(rows, cols, CV_8UC1, frame->data + greyHalf), colourBottom, cv::COLOR_GRAY2BGR);
+    } else if (frame->channels == 3) {
+      cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, frame->data), colourTop, cv::COLOR_BGR2RGB);
+      cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, frame->data + halfBytes), colourBottom, cv::COLOR_BGR2RGB);
+    } else {
+      logErrorf("preprocessLoop", "stereo depth: unrecognized image channel %d\n",
+                static_cast<int>(frame->channels));
+      continue;
+    }
+
+    {
+      std::lock_guard<std::mutex> lock(rectifyMutex_);
+      cv::Mat rectTop(rows, cols, CV_8UC3, rectified_->data);
+      cv::Mat rectBottom(rows, cols, CV_8UC3, rectified_->data + halfBytes);
+      rectified_->tag0 = frame->tag0;
+      rectified_->tag1 = frame->tag1;
+      rectified_->timestamp = frame->timestamp;
+      rectified_->width = frame->width;
+      rectified_->height = frame->height;
+      rectified_->format = frame->format;
+      rectified_->stride = frame->stride;
+      rectified_->channels = 3;
+      rectified_->size = frame->width * frame->height * 3;
+      cv::remap(colourTop, rectTop, rectMap1List_[0], rectMap2List_[0], cv::INTER_LINEAR,
+                cv::BORDER_CONSTANT, cv::Scalar());
+      cv::remap(colourBottom, rectBottom, rectMap1List_[1], rectMap2List_[1], cv::INTER_LINEAR,
+                cv::BORDER_CONSTANT, cv::Scalar());
+    }
+
+    std::lock_guard<std::mutex> lock(engineMutex_);
+    if (engines_.empty()) continue;
+    std::size_t chosen = 0;
+    bool idleFound = false;
+    for (std::size_t i = 0; i < engines_.size(); ++i) {
+      if (!engines_[i]->isBusy()) {
+        chosen = i;
+        idleFound = true;
+        break;
+      }
+    }
+    if (!idleFound) {
+      // The running minimum is kept in 32 bits and sign-extended for the
+      // comparison; engines are chosen exactly as the reference pipeline does.
+      int32_t minimum = static_cast<int32_t>(engines_[0]->getLatestTimestamp());
+      for (std::size_t i = 0; i < engines_.size(); ++i) {
+        const uint64_t latest = engines_[i]->getLatestTimestamp();
+        if (static_cast<uint64_t>(static_cast<int64_t>(minimum)) > latest) {
+          minimum = static_cast<int32_t>(latest);
+          chosen = i;
+        }
+      }
+    }
+    // Only this thread writes the rectified record, so it is read here unlocked.
+    engines_[chosen]->feedImage(rectified_);
+  }
+}
+
+void StereoDepth::updateResult() {
+  while (running_.load() != 0) {
+    sleepNanos(500000);
+    if (depth_ == nullptr || depth_->data == nullptr || disparity_ == nullptr ||
+        disparity_->data == nullptr || colourInput_ == nullptr || colourInput_->data == nullptr ||
+        stereoRing_ == nullptr) {
+      continue;
+    }
+
+    std::unique_lock<std::mutex> engineLock(engineMutex_);
+    if (engines_.empty()) continue;
+    std::map<std::size_t, uint64_t> ready;
+    for (std::size_t i = 0; i < engines_.size(); ++i) {
+      if (engines_[i]->isResultReady()) ready[i] = engines_[i]->getLatestTimestamp();
+    }
+    if (ready.empty()) continue;
+    // Oldest result first; the lowest index wins a tie.
+    auto oldest = ready.begin();
+    for (auto it = ready.begin(); it != ready.end(); ++it) {
+      if (it->second < oldest->second) oldest = it;
+    }
+
+    std::unique_lock<std::mutex> resultLock(resultMutex_);
+    std::array<int, 4> dims{};
+    unsigned long long timestamp = 0;
+    const int status = engines_[oldest->first]->getResult(depth_->data, disparity_->data, dims, timestamp);
+    engineLock.unlock();
+    if (status == 1) {
+      logError("updateResult", "get depth image failed");
+      continue;
+    }
+    depth_->timestamp = timestamp;
+    depth_->channels = static_cast<uint32_t>(dims[1]);
+    depth_->height = static_cast<uint32_t>(dims[2]);
+    depth_->width = static_cast<uint32_t>(dims[3]);
+    depth_->size = static_cast<uint32_t>(dims[1] * dims[2] * dims[3] * 4);
+    disparity_->channels = depth_->channels;
+    disparity_->height = depth_->height;
+    disparity_->width = depth_->width;
+    disparity_->size = depth_->size;
+    disparity_->timestamp = depth_->timestamp;
+    ++depthResultCount_;
+    resultLock.unlock();
+
+    resultLock.lock();
+    restoreResultsSize();
+    if (debugImage_ != 0) {
+      const std::string stamp = formatTimestamp(depth_->timestamp);
+      cv::FileStorage disparityFile(debugImgSavePath_ + "/debug_disparity_" + stamp + ".yml",
+                                    cv::FileStorage::WRITE);
+      if (disparityFile.isOpened()) {
+        disparityFile << "disparity"
+                      << cv::Mat(static_cast<int>(disparity_->height), static_cast<int>(disparity_->width),
+                                 CV_32F, disparity_->data);
+      }
+      cv::FileStorage depthFile(debugImgSavePath_ + "/debug_depth_" + stamp + ".yml", cv::FileStorage::WRITE);
+      if (depthFile.isOpened()) {
+        depthFile << "depth"
+                  << cv::Mat(static_cast<int>(depthOutput_->height), static_cast<int>(depthOutput_->width),
+                             CV_32F, depthOutput_->data);
+      }
+    }
+  }
+}
+
+void StereoDepth::restoreResultsSize() {
+  copyRecord(depthOutput_, depth_);
+  const std::vector<ImageSize>& sizes = restoreDepthDim_ != 0 ? inputSizes_ : scaledSizes_;
+  const bool toColour = alignEnabled_.load() && alignDirection_;
+  const std::size_t target = static_cast<std::size_t>(toColour ? alignedCamIndex_ : stereoCamIndex_);
+  if (target >= sizes.size()) return;
+  const int width = sizes[target].width;
+  const int height = sizes[target].height;
+  if (!alignEnabled_.load() && static_cast<int>(depthOutput_->width) == width) return;
+
+  if (static_cast<int>(alignedColour_->width) != width && alignedColour_->width != 0) {
+    const int type = alignedColour_->channels == 1 ? CV_8UC1 : CV_8UC3;
+    const cv::Mat source(static_cast<int>(alignedColour_->height), static_cast<int>(alignedColour_->width), type,
+                         alignedColour_->data);
+    cv::Mat resized;
+    cv::resize(source, resized, cv::Size(width, height), 0, 0, cv::INTER_LINEAR);
+    std::memcpy(alignedColour_->data, resized.data, resized.total() * resized.elemSize());
+    alignedColour_->width = static_cast<uint32_t>(width);
+    alignedColour_->height = static_cast<uint32_t>(height);
+    alignedColour_->size = static_cast<uint32_t>(width * height) * alignedColour_->channels;
+  }
+
+  if (static_cast<int>(depthOutput_->width) == width) return;
+  // Nearest neighbour, so that no depth is invented between a surface and the background.
+  const cv::Mat source(static_cast<int>(depthOutput_->height), static_cast<int>(depthOutput_->width), CV_32F,
+                       depthOutput_->data, depthOutput_->stride);
+  cv::Mat resized;
+  cv::resize(source, resized, cv::Size(width, height), 0, 0, cv::INTER_NEAREST);
+  std::memcpy(depthOutput_->data, resized.data, resized.total() * sizeof(float));
+  depthOutput_->width = static_cast<uint32_t>(width);
+  depthOutput_->height = static_cast<uint32_t>(height);
+  depthOutput_->stride = static_cast<uint32_t>(width * sizeof(float));
+  depthOutput_->size = static_cast<uint32_t>(resized.total() * sizeof(float));
+}
+
+int StereoDepth::getDepthImage(LumoDepthImage* depth, LumoDepthImage* disparity, LumoImage* aligned) {
+  if (depth == nullptr || depth->data == nullptr) {
+    logError("getDepthImage", "allocate memory before calling");
+    return 1;
+  }
+  std::lock_guard<std::mutex> lock(resultMutex_);
+  if (depthOutput_->width == 0) return 1;
+  if (alignEnabled_.load() && aligned != nullptr) copyRecord(aligned, alignedColour_);
+  copyRecord(depth, depthOutput_);
+  if (disparity != nullptr) copyRecord(disparity, disparity_);
+  return depthResultCount_ < 1 ? 1 : 0;
+}
+
+int StereoDepth::getRectifyImage(LumoImage* out) {
+  if (out == nullptr || out->data == nullptr) {
+    logError("getRectifyImage", "allocate memory before calling");
+    return 1;
+  }
+  std::lock_guard<std::mutex> lock(rectifyMutex_);
+  if (rectified_->timestamp == 0) return 1;
+  out->tag0 = rectified_->tag0;
+  out->tag1 = rectified_->tag1;
+  out->timestamp = rectified_->timestamp;
+  out->width = rectified_->width;
+  out->height = rectified_->height;
+  out->channels = rectified_->channels;
+  out->format = rectified_->format;
+  out->stride = rectified_->stride;
+  out->size = rectified_->size;
+  const int rows = static_cast<int>(rectified_->height);
+  const int cols = static_cast<int>(rectified_->width);
+  cv::Mat destination(rows, cols, CV_8UC3, out->data);
+  cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, rectified_->data), destination, cv::COLOR_BGR2RGB);
+  out->format = 0;
+  return 0;
+}
+
+}  // namespace KorvLumetra

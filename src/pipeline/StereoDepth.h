@@ -1,0 +1,155 @@
+// The object behind a depth handle: settings, calibration, fixed-capacity
+// buffers, frame rings, stereo engines and the two pipeline threads.
+//
+// Threads: host threads call the feeds and getters; the preprocessing thread
+// ("KorvDepthPre") rectifies and hands frames to the engines; the result thread
+// collects engine results. Locks (never held across matching):
+//   frameMutex_      incoming/working stereo records, new-frame flag
+//   rectifyMutex_    rectified image record
+//   resultMutex_     depth, disparity, output and alignment records, point cloud
+//   engineMutex_     the engine list (taken before resultMutex_ when both are held)
+//   stereoRingMutex_ / colourRingMutex_ / poseMutex_  the rings, before the ring's own
+// Configuration (initFromYaml, calibration imports) runs before frames are fed.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "engine/StereoEngineBase.h"
+#include "lumetra_depth.h"
+#include "pipeline/LumoImageRing.h"
+
+namespace KorvLumetra {
+
+// Fixed capacities of the pipeline's buffers, in bytes.
+constexpr std::size_t kStereoBufferBytes = 6144000;    // 1280 x 800 x 3 x 2
+constexpr std::size_t kRingSlotBytes = 24883200;       // 3840 x 2160 x 3
+constexpr std::size_t kDepthBufferBytes = 32768000;
+constexpr std::size_t kColourBufferBytes = 24883200;
+constexpr std::size_t kOutputBufferBytes = 132710400;
+constexpr uint64_t kStereoRingSlots = 20;
+constexpr uint64_t kColourRingSlots = 10;
+constexpr uint64_t kPoseRingSlots = 200;
+
+struct ImageSize {
+  int width;
+  int height;
+};
+
+class StereoDepth {
+ public:
+  StereoDepth();
+  ~StereoDepth();
+  StereoDepth(const StereoDepth&) = delete;
+  StereoDepth& operator=(const StereoDepth&) = delete;
+
+  int feedStereoImage(LumoImage* frame);
+  int getDepthImage(LumoDepthImage* depth, LumoDepthImage* disparity, LumoImage* aligned);
+  int getRectifyImage(LumoImage* out);
+  int setDepthAlignedInfo(int cameraIndex, bool direction, bool enabled);
+
+  // Engines are normally created by the configuration step; exposed so the
+  // pipeline can be driven with engines of the caller's choosing.
+  void addEngine(std::unique_ptr<StereoEngineBase> engine);
+  std::size_t engineCount();
+
+ private:
+  void preprocessLoop();
+  void updateResult();
+  void restoreResultsSize();
+  bool depthOfFrameReady(uint64_t timestamp);
+
+  // Switches and paths.
+  int moduleEnabled_ = 1;  // an unconfigured pipeline counts as enabled
+  int restoreDepthDim_ = 1;
+  int debugImage_ = 0;
+  std::string debugImgSavePath_;
+  int threadNum_ = 1;
+  int asyncMode_ = 1;
+  bool enableFilter_ = true;
+  bool filterReserved_ = false;
+  std::string modelPath_;
+  std::string calibPath_;
+  int alignCamId_ = -1;
+  bool alignDirectionSetting_ = false;
+  bool wlsFilter_ = false;
+  int depthMode_ = 0;
+  float engineParam_ = 0.12f;
+  // Point-cloud settings.
+  float voxelSize_ = 0.005f;
+  float minPoints_ = 1.0f;
+  float cloudReserved0_ = 0.0f;
+  float pointcloudROI_ = 1.0f;
+  float depthImageScale_ = 1.0f;
+  float cloudReserved1_ = 0.0f;
+  float farthestDist_ = 3.0f;
+  float cloestDist_ = 0.0f;
+  bool enableVoxel_ = false;
+  int pointcloudType_ = 0;
+  int skipPoint_ = 0;
+  int stereoCamIndex_ = 0;
+  int depthResultCount_ = 0;  // guarded by resultMutex_
+
+  // Frame hand-off.
+  std::mutex frameMutex_;
+  std::condition_variable frameCondition_;
+  std::atomic<uint8_t> newFrame_{0};
+  std::atomic<uint8_t> running_{1};
+  bool framePending_ = false;  // a fed frame not yet taken; guarded by frameMutex_
+  LumoImage* incomingStereo_ = nullptr;
+  LumoImage* workingStereo_ = nullptr;
+
+  // Per-camera tables (left, right, auxiliary) and rectification.
+  std::vector<ImageSize> inputSizes_;
+  std::vector<ImageSize> scaledSizes_;
+  std::vector<float> scaleRatios_;
+  std::vector<cv::Mat> rectMap1List_;
+  std::vector<cv::Mat> rectMap2List_;
+  cv::Mat rectR1_, rectR2_, rectP1_, rectP2_, rectQ_;
+  std::mutex rectifyMutex_;
+  LumoImage* rectified_ = nullptr;
+  LumoImage* colourConversion_ = nullptr;
+
+  // Engines.
+  std::mutex engineMutex_;
+  std::vector<std::unique_ptr<StereoEngineBase>> engines_;
+
+  // Results.
+  std::mutex resultMutex_;
+  LumoDepthImage* depth_ = nullptr;
+  LumoDepthImage* disparity_ = nullptr;
+  LumoDepthImage* depthOutput_ = nullptr;
+  LumoImage* alignedColour_ = nullptr;
+  LumoImage* colourInput_ = nullptr;
+  LumoImage* colourToDepth_ = nullptr;
+  LumoDepthImage* depthToColour_ = nullptr;
+
+  // Alignment settings.
+  int alignedCamIndex_ = -1;
+  bool alignDirection_ = false;
+  std::atomic<bool> alignEnabled_{false};
+  bool alignInitialized_ = false;
+
+  // Rings.
+  std::mutex stereoRingMutex_;
+  std::unique_ptr<LumoUtils::LumoImageRing> stereoRing_;
+  std::mutex colourRingMutex_;
+  std::unique_ptr<LumoUtils::LumoImageRing> colourRing_;
+  std::mutex poseMutex_;
+  std::unique_ptr<LumoUtils::LumoPoseRing> poseRing_;
+
+  // Threads, started last among the members they use.
+  std::thread preprocessThread_;
+  std::thread resultThread_;
+};
+
+}  // namespace KorvLumetra
