@@ -1,12 +1,29 @@
 #include "filters/KesTemporalFilter.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "api/ErrorLog.h"
 
 namespace KorvLumetra {
 
 namespace {
+
+constexpr std::size_t kChunk = 256;  // pixels per gathered block of table lookups
+
+// Branch-free choice between two computed values, bit for bit (a plain ?: on
+// floats is kept as a branch and stops the loop from vectorising).
+inline float choose(bool condition, float ifTrue, float ifFalse) {
+  uint32_t t, f;
+  std::memcpy(&t, &ifTrue, sizeof t);
+  std::memcpy(&f, &ifFalse, sizeof f);
+  const uint32_t mask = 0u - static_cast<uint32_t>(condition);
+  const uint32_t bits = (t & mask) | (f & ~mask);
+  float out;
+  std::memcpy(&out, &bits, sizeof out);
+  return out;
+}
 
 // Whether a history h, read with bit 7 as the most recent frame, bit 6 the one
 // before and so on, lets a hole take the last valid value.
@@ -101,32 +118,42 @@ void KesTemporalFilter::updateConfiguration(LumoDepthImage* image) {
 int KesTemporalFilter::processFrame(LumoDepthImage* image) {
   updateConfiguration(image);
   const uint8_t mask = static_cast<uint8_t>(1u << currentSlot_);
-  if (pixelCount_ != 0) {
+  const std::size_t count = pixelCount_;
+  if (count != 0) {
     float* depth = image->data;
     float* last = lastFrame_.data();
     uint8_t* history = history_.data();
-    const uint8_t* map = persistenceMap_;
     const float alpha = alpha_;
     const float oneMinusAlpha = oneMinusAlpha_;
     const float delta = delta_;
     const uint8_t keepOthers = static_cast<uint8_t>(~mask);
 
-    // Written without branches: holes and jumps are scattered at random.
-    for (std::size_t i = 0; i < pixelCount_; ++i) {
-      const float cur = depth[i];
-      const float prev = last[i];
-      const uint8_t h = history[i];
-      const bool hole = cur == 0.0f;
-      const bool hadValue = prev != 0.0f;
-      const bool close = hadValue & (std::fabs(cur - prev) < delta);
-      const float blended = cur * alpha + prev * oneMinusAlpha;
-      const bool fill = hole & hadValue & ((map[h] & mask) != 0);
+    // The table lookups are gathered a chunk at a time so that the per-pixel
+    // loop has no lookup and no branch: holes and jumps are scattered at random.
+    uint8_t fillRules[kChunk];
+    for (std::size_t i0 = 0; i0 < count; i0 += kChunk) {
+      const std::size_t n = std::min(kChunk, count - i0);
+      float* d = depth + i0;
+      float* l = last + i0;
+      uint8_t* hist = history + i0;
+      for (std::size_t j = 0; j < n; ++j) fillRules[j] = persistenceMap_[hist[j]];
 
-      depth[i] = fill ? prev : (hole | !close) ? cur : blended;
-      last[i] = hole ? prev : close ? blended : cur;
-      // A jump (or a first value) drops every older validity bit.
-      history[i] = hole ? static_cast<uint8_t>(h & keepOthers)
-                        : close ? static_cast<uint8_t>(h | mask) : mask;
+      for (std::size_t j = 0; j < n; ++j) {
+        const float cur = d[j];
+        const float prev = l[j];
+        const uint8_t h = hist[j];
+        const bool hole = cur == 0.0f;
+        const bool hadValue = prev != 0.0f;
+        const bool close = hadValue & (std::fabs(cur - prev) < delta);
+        const float blended = cur * alpha + prev * oneMinusAlpha;
+        const bool fill = hole & hadValue & ((fillRules[j] & mask) != 0);
+
+        d[j] = choose(fill, prev, choose(hole | !close, cur, blended));
+        l[j] = choose(hole, prev, choose(close, blended, cur));
+        // A jump (or a first value) drops every older validity bit.
+        hist[j] = hole ? static_cast<uint8_t>(h & keepOthers)
+                       : close ? static_cast<uint8_t>(h | mask) : mask;
+      }
     }
   }
   currentSlot_ = static_cast<uint8_t>((currentSlot_ + 1) % 8);

@@ -30,8 +30,8 @@ class KesTemporalFilter {
   // and taken modulo 256. Any other count logs "init filter failed" and returns 1.
   int initFilter(std::vector<float> params);
 
-  // Each setter restarts nothing but what it says; emptying the per-pixel
-  // arrays keeps their storage and values (see PixelArray).
+  // Under the mutex. Each empties the per-pixel arrays, which keeps their
+  // storage and values (see PixelArray); alpha and delta also restart the slot.
   void on_set_alpha(float a);
   void on_set_delta(float d);
   void on_set_persistence_control(uint8_t p);

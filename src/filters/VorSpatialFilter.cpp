@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 
 #include "api/ErrorLog.h"
 
@@ -12,12 +14,26 @@ namespace {
 
 constexpr float kEps = 1.1920929e-7f;  // float machine epsilon
 
+// Branch-free choice between two computed values, bit for bit. A plain ?: on
+// floats is kept as a branch (the arithmetic in it might trap), which stops
+// the loops from vectorising.
+inline float choose(bool condition, float ifTrue, float ifFalse) {
+  uint32_t t, f;
+  std::memcpy(&t, &ifTrue, sizeof t);
+  std::memcpy(&f, &ifFalse, sizeof f);
+  const uint32_t mask = 0u - static_cast<uint32_t>(condition);
+  const uint32_t bits = (t & mask) | (f & ~mask);
+  float out;
+  std::memcpy(&out, &bits, sizeof out);
+  return out;
+}
+
 // The row recurrence is serial along a row, so rows are filtered side by side:
 // kLanes rows at a time, their pixels copied column-wise into a small block so
 // that one column of lanes is contiguous and the lane loop vectorises. Each
 // pixel's own arithmetic is unchanged; only independent rows are interleaved.
-constexpr std::size_t kLanes = 8;
-constexpr std::size_t kBlockColumns = 64;
+constexpr std::size_t kLanes = 16;
+constexpr std::size_t kBlockColumns = 32;
 
 struct RowLanes {
   float* row[kLanes];  // lanes past the last real row repeat it and are never stored
@@ -45,6 +61,7 @@ struct RowLanes {
 template <bool kHoleFill>
 inline void stepLeftToRight(RowLanes& s, float (&px)[kLanes], float alpha,
                             float oneMinusAlpha, float delta, int radius) {
+#pragma GCC unroll 1  // vectorised across lanes rather than unrolled
   for (std::size_t k = 0; k < kLanes; ++k) {
     const float p = s.prev[k];
     const float c = px[k];
@@ -52,12 +69,12 @@ inline void stepLeftToRight(RowLanes& s, float (&px)[kLanes], float alpha,
     const bool curValid = std::fabs(c) >= kEps;
     const float d = std::fabs(c - p);
     const bool smooth = prevValid & curValid & (d >= kEps) & (d <= delta);
-    float out = smooth ? c * alpha + p * oneMinusAlpha : c;
+    float out = choose(smooth, c * alpha + p * oneMinusAlpha, c);
     if (kHoleFill) {
       const bool hole = prevValid & !curValid;
       const int counter = (prevValid & curValid) ? 0 : s.counter[k] + (hole ? 1 : 0);
       s.counter[k] = counter;
-      out = (hole & (counter < radius)) ? p : out;
+      out = choose(hole & (counter < radius), p, out);
     }
     px[k] = out;
     s.prev[k] = out;
@@ -69,18 +86,19 @@ inline void stepLeftToRight(RowLanes& s, float (&px)[kLanes], float alpha,
 template <bool kHoleFill>
 inline void stepRightToLeft(RowLanes& s, float (&px)[kLanes], float alpha,
                             float oneMinusAlpha, float delta, int radius) {
+#pragma GCC unroll 1  // vectorised across lanes rather than unrolled
   for (std::size_t k = 0; k < kLanes; ++k) {
     const float p = s.prev[k];
     const float c = px[k];
     const bool prevValid = p >= kEps;
     const bool curValid = c > kEps;
     const bool smooth = prevValid & curValid & (std::fabs(p - c) <= delta);
-    float out = smooth ? c * alpha + p * oneMinusAlpha : c;
+    float out = choose(smooth, c * alpha + p * oneMinusAlpha, c);
     if (kHoleFill) {
       const bool hole = prevValid & !curValid;
       const int counter = (prevValid & curValid) ? 0 : s.counter[k] + (hole ? 1 : 0);
       s.counter[k] = counter;
-      out = (hole & (counter < radius)) ? p : out;
+      out = choose(hole & (counter < radius), p, out);
     }
     px[k] = out;
     s.prev[k] = out;
@@ -185,7 +203,7 @@ void VorSpatialFilter::recursive_filter_vertical(float* image, float alpha, floa
     for (std::size_t u = 0; u < width; ++u) {
       const float a = up[u];
       const float c = cur[u];
-      cur[u] = std::fabs(a - c) < delta ? oneMinusAlpha * a + alpha * c : c;
+      cur[u] = choose(std::fabs(a - c) < delta, oneMinusAlpha * a + alpha * c, c);
     }
   }
 
@@ -198,7 +216,7 @@ void VorSpatialFilter::recursive_filter_vertical(float* image, float alpha, floa
       const float b = below[u];
       const bool smooth =
           (std::fabs(c) >= kEps) & (std::fabs(b) >= kEps) & (std::fabs(c - b) < delta);
-      cur[u] = smooth ? c * alpha + b * oneMinusAlpha : c;
+      cur[u] = choose(smooth, c * alpha + b * oneMinusAlpha, c);
     }
   }
 }

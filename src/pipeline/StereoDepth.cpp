@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iostream>
@@ -123,6 +124,7 @@ StereoDepth::~StereoDepth() {
   deleteRecord(colourInput_);
   deleteRecord(colourToDepth_);
   deleteRecord(depthToColour_);
+  std::free(pointBuffer_);
 }
 
 void StereoDepth::addEngine(std::unique_ptr<StereoEngineBase> engine) {

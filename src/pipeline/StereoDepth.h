@@ -22,8 +22,11 @@
 #include <thread>
 #include <vector>
 
+#include <Eigen/Core>
+#include <Eigen/StdVector>
 #include <opencv2/core.hpp>
 
+#include "camera/LumoCam.h"
 #include "engine/StereoEngineBase.h"
 #include "lumetra_depth.h"
 #include "pipeline/LumoImageRing.h"
@@ -39,10 +42,20 @@ constexpr std::size_t kOutputBufferBytes = 132710400;
 constexpr uint64_t kStereoRingSlots = 20;
 constexpr uint64_t kColourRingSlots = 10;
 constexpr uint64_t kPoseRingSlots = 200;
+constexpr std::size_t kAuxCamIndex = 2;  // left, right, auxiliary in the per-camera tables
 
 struct ImageSize {
   int width;
   int height;
+};
+
+// Per-camera distortion model as the pipeline keeps it.
+enum CamModel : int {
+  kCamModelUnknown = 0,
+  kCamModelEquidistant = 1,
+  kCamModelRadtan = 2,
+  kCamModelCvBasic = 3,
+  kCamModelNone = 4,
 };
 
 class StereoDepth {
@@ -52,10 +65,31 @@ class StereoDepth {
   StereoDepth(const StereoDepth&) = delete;
   StereoDepth& operator=(const StereoDepth&) = delete;
 
+  // Configuration (relative paths resolved against the file's directory).
+  int initFromYaml(const std::string& path);
+  // Calibration from the tracker's record: dumps it to stdout, rebuilds maps,
+  // the depth table and the engines.
+  int initCameraFromCalib(const LumoCalibrationParam& calib);
+  // Calibration from a camera-chain YAML file.
+  int initCameraFromCalibYaml(const std::string& path);
+  int initRectifyMap();
+  int getRectifyInfo(LumoRectifyInfo* info);
+  static int flatten2DCvMat(const cv::Mat& m, float* out);
+  void LUTDepthGenerator();
+
   int feedStereoImage(LumoImage* frame);
   int getDepthImage(LumoDepthImage* depth, LumoDepthImage* disparity, LumoImage* aligned);
   int getRectifyImage(LumoImage* out);
   int setDepthAlignedInfo(int cameraIndex, bool direction, bool enabled);
+
+  // Auxiliary (colour) camera frames, queued for alignment with depth.
+  int feedRGBImage(LumoImage* image);
+
+  // Point clouds and coordinates.
+  int feedPose(LumoPose* pose);
+  unsigned int getPointcloud(LumoMap* map, int maxPoints);
+  // pixels: `count` (column, row) pairs of `depth`; coordinates: 3 floats each.
+  unsigned int getCoordinates2Ext(const int* pixels, int count, const LumoDepthImage* depth, float* coordinates);
 
   // Engines are normally created by the configuration step; exposed so the
   // pipeline can be driven with engines of the caller's choosing.
@@ -67,6 +101,8 @@ class StereoDepth {
   void updateResult();
   void restoreResultsSize();
   bool depthOfFrameReady(uint64_t timestamp);
+  void appendCamera(const cv::Mat& D, const cv::Mat& kInput, int camIndex, int model);
+  void recreateEngines();
 
   // Switches and paths.
   int moduleEnabled_ = 1;  // an unconfigured pipeline counts as enabled
@@ -79,6 +115,12 @@ class StereoDepth {
   bool filterReserved_ = false;
   std::string modelPath_;
   std::string calibPath_;
+  int inputStereoWidth_ = 0;
+  int inputStereoHeight_ = 0;
+  float stereoImgScaling_ = 1.0f;
+  int inputAuxCamWidth_ = 1920;
+  int inputAuxCamHeight_ = 1080;
+  float auxCamScaling_ = 1.0f;
   int alignCamId_ = -1;
   bool alignDirectionSetting_ = false;
   bool wlsFilter_ = false;
@@ -115,6 +157,15 @@ class StereoDepth {
   std::vector<cv::Mat> rectMap1List_;
   std::vector<cv::Mat> rectMap2List_;
   cv::Mat rectR1_, rectR2_, rectP1_, rectP2_, rectQ_;
+  using Matrix4dList = std::vector<Eigen::Matrix4d, Eigen::aligned_allocator<Eigen::Matrix4d>>;
+  Matrix4dList camTList_;              // entry i: camera i -> camera i + 1
+  std::vector<cv::Mat> camDList_;      // distortion columns (double)
+  std::vector<cv::Mat> camKInputList_; // 3x3 at input resolution
+  std::vector<cv::Mat> camKProcList_;  // 3x3 at working resolution
+  std::vector<int> camModels_;         // CamModel per camera
+  float baseline_ = 0.0f;
+  std::vector<float> depthLut_;        // (x, y) of the unit-depth ray per depth pixel
+  std::unique_ptr<LumoCam> depthCam_;  // built once per pipeline
   std::mutex rectifyMutex_;
   LumoImage* rectified_ = nullptr;
   LumoImage* colourConversion_ = nullptr;
@@ -132,6 +183,11 @@ class StereoDepth {
   LumoImage* colourInput_ = nullptr;
   LumoImage* colourToDepth_ = nullptr;
   LumoDepthImage* depthToColour_ = nullptr;
+
+  // Point cloud (guarded by resultMutex_).
+  float* pointBuffer_ = nullptr;  // 3 floats per point, freed with free()
+  int pointCount_ = 0;
+  uint64_t cloudTimestamp_ = 0;
 
   // Alignment settings.
   int alignedCamIndex_ = -1;

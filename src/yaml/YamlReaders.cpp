@@ -92,6 +92,18 @@ std::vector<double> toDoubles(const YamlNode& value) {
   return result;
 }
 
+std::vector<int32_t> toInts(const YamlNode& value) {
+  std::vector<int32_t> result;
+  if (value.type != YamlNode::Sequence) {
+    return result;
+  }
+  result.reserve(value.seq.size());
+  for (const YamlNode& element : value.seq) {
+    result.push_back(toInt(element));
+  }
+  return result;
+}
+
 }  // namespace
 
 int CheckParseYaml(const YamlNode& node, const std::string& key, float* out) {
@@ -117,6 +129,11 @@ int CheckParseYaml(const YamlNode& node, const std::string& key, std::string* ou
 int CheckParseYaml(const YamlNode& node, const std::string& key, std::vector<double>* out) {
   // Built aside first, so a failed conversion leaves the destination as it was.
   *out = toDoubles(requirePresent(node, key));
+  return 1;
+}
+
+int CheckParseYaml(const YamlNode& node, const std::string& key, std::vector<int32_t>* out) {
+  *out = toInts(requirePresent(node, key));
   return 1;
 }
 

@@ -40,6 +40,9 @@ int CheckParseYaml(const KorvTech::YamlNode& node, const std::string& key, int32
 int CheckParseYaml(const KorvTech::YamlNode& node, const std::string& key, bool* out);
 int CheckParseYaml(const KorvTech::YamlNode& node, const std::string& key, std::string* out);
 int CheckParseYaml(const KorvTech::YamlNode& node, const std::string& key, std::vector<double>* out);
+// Integer lists (image resolutions): elements by "stoi", a non-Scalar element
+// writes the "int" message and reads as 0.
+int CheckParseYaml(const KorvTech::YamlNode& node, const std::string& key, std::vector<int32_t>* out);
 
 int ParseYamlOrDefault(const KorvTech::YamlNode& node, const std::string& key, float* out,
                        const float* defaultValue);

@@ -14,37 +14,14 @@
 #include "engine/StereoCVEngine.h"
 #include "engine/StereoEngineFactory.h"
 #include "support/CaptureOutput.h"
+#include "support/ShiftedPair.h"
 
 namespace KorvLumetra {
 namespace {
 
-// A stacked BGR pair (left on top) of one texture seen `shift` pixels further
-// left in the right view: every interior pixel has disparity `shift`.
-cv::Mat makeShiftedPair(int width, int height, int shift, unsigned seed) {
-  cv::RNG rng(seed);
-  cv::Mat texture(height, width + shift, CV_8UC1);
-  rng.fill(texture, cv::RNG::UNIFORM, 0, 256);
-  // Blur slightly so the texture is matchable at sub-block scale.
-  cv::GaussianBlur(texture, texture, cv::Size(3, 3), 0.8);
-  cv::Mat stacked(2 * height, width, CV_8UC3);
-  cv::Mat left = texture(cv::Rect(0, 0, width, height));
-  cv::Mat right = texture(cv::Rect(shift, 0, width, height));
-  cv::cvtColor(left, stacked(cv::Rect(0, 0, width, height)), cv::COLOR_GRAY2BGR);
-  cv::cvtColor(right, stacked(cv::Rect(0, height, width, height)), cv::COLOR_GRAY2BGR);
-  return stacked;
-}
+using LumoTest::makeShiftedPair;
 
-LumoImage wrap(cv::Mat& stacked, uint64_t timestamp) {
-  LumoImage image{};
-  image.timestamp = timestamp;
-  image.width = static_cast<uint32_t>(stacked.cols);
-  image.height = static_cast<uint32_t>(stacked.rows);
-  image.channels = 3;
-  image.stride = image.width * 3;
-  image.size = image.stride * image.height;
-  image.data = stacked.data;
-  return image;
-}
+LumoImage wrap(cv::Mat& stacked, uint64_t timestamp) { return LumoTest::wrapStacked(stacked, timestamp); }
 
 bool waitForResult(const StereoEngineBase& engine) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);

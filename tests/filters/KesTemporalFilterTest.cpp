@@ -112,10 +112,12 @@ TEST(KesTemporalFilter, MatchesPlainReferenceOverManyFrames) {
   for (float persistence : persistences) {
     for (const auto& size : sizes) {
       uint32_t w = size[0], h = size[1], stride = w * 4;
-      KesTemporalFilter filter;
+      KesTemporalFilter filter;  // persistence 3 runs on the defaults: 0.4, 20, 3
       TemporalReference ref;
-      ASSERT_EQ(filter.initFilter({0.35f, 10.0f, persistence}), 0);
-      ref.setAlpha(0.35f), ref.setDelta(10.0f), ref.setPersistence(persistence);
+      if (persistence != 3.0f) {
+        ASSERT_EQ(filter.initFilter({0.35f, 10.0f, persistence}), 0);
+        ref.setAlpha(0.35f), ref.setDelta(10.0f), ref.setPersistence(persistence);
+      }
       DepthStream stream(size_t{w} * h, seed++);
       for (int frame = 0; frame < 64; ++frame) {
         if (frame == 20) {  // new parameters mid-stream keep each pixel's history
@@ -136,18 +138,6 @@ TEST(KesTemporalFilter, MatchesPlainReferenceOverManyFrames) {
             << "persistence " << persistence << ", " << w << "x" << h << ", frame " << frame;
       }
     }
-  }
-}
-
-TEST(KesTemporalFilter, DefaultsMatchReference) {
-  KesTemporalFilter filter;  // alpha 0.4, delta 20, persistence 3
-  TemporalReference ref;
-  DepthStream stream(45, 99);
-  for (int frame = 0; frame < 24; ++frame) {
-    std::vector<float> expected = stream.next();
-    const std::vector<float> actual = run(filter, expected, 9, 5);
-    ref.process(expected, 9, 5, 36);
-    ASSERT_EQ(0, std::memcmp(actual.data(), expected.data(), expected.size() * sizeof(float)));
   }
 }
 

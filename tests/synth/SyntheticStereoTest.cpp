@@ -1,1 +1,476 @@
-int main(){}
+// The renderer is checked against OpenCV's own camera models: rays must
+// project back through cv::projectPoints, rectified views must agree with
+// the ground-truth disparity, and scene edges must appear where OpenCV
+// projects them.
+#include "synth/SyntheticStereo.h"
+
+#include <gtest/gtest.h>
+#include <opencv2/calib3d.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include <unistd.h>
+
+namespace {
+
+using namespace LumoSynth;
+
+constexpr double kDeg = 3.14159265358979323846 / 180.0;
+
+// OpenCV projection of camera-frame or world points, by the camera's lens model.
+std::vector<cv::Point2d> cvProject(const Camera& cam, const std::vector<cv::Point3d>& points,
+                                   const Eigen::Isometry3d& T_cam_world = Eigen::Isometry3d::Identity()) {
+  cv::Mat R(3, 3, CV_64F), rvec, tvec(3, 1, CV_64F);
+  for (int i = 0; i < 3; ++i) {
+    for (int j = 0; j < 3; ++j) R.at<double>(i, j) = T_cam_world.linear()(i, j);
+    tvec.at<double>(i) = T_cam_world.translation()[i];
+  }
+  cv::Rodrigues(R, rvec);
+  std::vector<cv::Point2d> pixels;
+  if (cam.model == LensModel::Radtan)
+    cv::projectPoints(points, rvec, tvec, cv::Mat(cameraMatrix(cam)), distCoeffs(cam), pixels);
+  else
+    cv::fisheye::projectPoints(points, pixels, rvec, tvec, cv::Mat(cameraMatrix(cam)), distCoeffs(cam));
+  return pixels;
+}
+
+Eigen::Isometry3d toIsometry(const Eigen::Matrix4d& m) {
+  Eigen::Isometry3d T = Eigen::Isometry3d::Identity();
+  T.matrix() = m;
+  return T;
+}
+
+double bilinear(const cv::Mat& img, double x, double y) {
+  cv::Mat patch;
+  cv::getRectSubPix(img, cv::Size(1, 1), cv::Point2f(static_cast<float>(x), static_cast<float>(y)), patch, CV_32F);
+  return patch.at<float>(0, 0);
+}
+
+cv::Mat floatGrey(const cv::Mat& bgr) {
+  cv::Mat f;
+  toGrey(bgr).convertTo(f, CV_32F);
+  return f;
+}
+
+// ---------------------------------------------------------------------------
+// Lens inverse: every pixel's ray, projected by OpenCV, lands on that pixel.
+
+TEST(SynthLens, PixelRaysProjectBackThroughOpenCV) {
+  const Rig pin = pinholeRig(641, 401), fish = fisheyeRig(641, 401);
+  const std::vector<std::pair<const char*, Camera>> cameras = {
+      {"pinhole left", pin.cameras[0]}, {"pinhole right", pin.cameras[1]}, {"fisheye left", fish.cameras[0]},
+      {"fisheye right", fish.cameras[1]}, {"colour (five radtan terms)", colourCamera(961, 541)}};
+
+  for (const auto& [name, cam] : cameras) {
+    SCOPED_TRACE(name);
+    std::vector<cv::Point2d> pixels;
+    std::vector<cv::Point3d> rays;
+    // Grid out to the outer edges of the border pixels, where distortion is largest.
+    for (int j = 0; j <= 16; ++j) {
+      for (int i = 0; i <= 16; ++i) {
+        const cv::Point2d px(-0.5 + cam.width * i / 16.0, -0.5 + cam.height * j / 16.0);
+        Eigen::Vector2d xy;
+        ASSERT_TRUE(pixelRay(cam, px.x, px.y, xy)) << px;
+        pixels.push_back(px);
+        rays.emplace_back(xy.x(), xy.y(), 1.0);
+      }
+    }
+    const std::vector<cv::Point2d> back = cvProject(cam, rays);
+    for (std::size_t k = 0; k < rays.size(); ++k) {
+      EXPECT_LT(cv::norm(back[k] - pixels[k]), 1e-6) << pixels[k];
+      const Eigen::Vector2d own = projectPoint(cam, Eigen::Vector3d(rays[k].x, rays[k].y, 1.0));
+      EXPECT_LT(cv::norm(cv::Point2d(own.x(), own.y()) - back[k]), 1e-9) << pixels[k];
+    }
+
+    if (cam.model == LensModel::Equidistant) {
+      // Horizontal field between the outer edges of the first and last columns.
+      Eigen::Vector2d l, r;
+      ASSERT_TRUE(pixelRay(cam, -0.5, cam.cy, l));
+      ASSERT_TRUE(pixelRay(cam, cam.width - 0.5, cam.cy, r));
+      const double field = (std::atan(-l.x()) + std::atan(r.x())) / kDeg;
+      EXPECT_GT(field, 100.0);
+      EXPECT_LT(field, 120.0);
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Stereo geometry: rectify both rendered views with OpenCV's maps, as the
+// depth library does, and check that the right view matches the left at the
+// ground-truth disparity fx·B/Z and not beside it.
+
+struct StereoCase {
+  const char* name;
+  Rig rig;
+  double scale;
+};
+
+class SynthStereo : public ::testing::TestWithParam<int> {};
+
+TEST_P(SynthStereo, RectifiedViewsAgreeWithGroundTruthDisparity) {
+  const StereoCase c = GetParam() == 0 ? StereoCase{"pinhole", pinholeRig(960, 600), 1.0}
+                                       : StereoCase{"fisheye at half scale", fisheyeRig(1280, 800), 0.5};
+  SCOPED_TRACE(c.name);
+  const Scene scene = defaultScene(7);
+  const Camera& cam0 = c.rig.cameras[0];
+  const cv::Mat stacked = renderStereo(makeRenderer(c.rig, 2), scene, 0);
+  ASSERT_EQ(stacked.size(), cv::Size(cam0.width, 2 * cam0.height));
+
+  const Rectification rect = rectification(c.rig, c.scale);
+  const cv::Mat depth = rectifiedDepth(rect, scene, 0);
+  ASSERT_EQ(depth.size(), rect.size);
+
+  cv::Mat rectified[2];
+  for (int i = 0; i < 2; ++i) {
+    cv::Mat view = stacked.rowRange(i * cam0.height, (i + 1) * cam0.height);
+    if (c.scale != 1.0) cv::resize(view, view, rect.size, 0, 0, cv::INTER_AREA);
+    const Camera& cam = c.rig.cameras[i];
+    const cv::Mat& K = i == 0 ? rect.K0 : rect.K1;
+    const cv::Mat& R = i == 0 ? rect.R1 : rect.R2;
+    const cv::Mat& P = i == 0 ? rect.P1 : rect.P2;
+    cv::Mat mapX, mapY;
+    if (cam.model == LensModel::Radtan)
+      cv::initUndistortRectifyMap(K, distCoeffs(cam), R, P, rect.size, CV_32FC1, mapX, mapY);
+    else
+      cv::fisheye::initUndistortRectifyMap(K, distCoeffs(cam), R, P, rect.size, CV_32FC1, mapX, mapY);
+    cv::remap(floatGrey(view), rectified[i], mapX, mapY, cv::INTER_LINEAR);
+  }
+
+  const double f = rect.P1.at<double>(0, 0);
+  const double B = c.rig.cameras[1].T_cn_cnm1.topRightCorner<3, 1>().norm();
+  const int r = 4;
+  const cv::Size win(2 * r + 1, 2 * r + 1);
+  auto cost = [&](int u, int v, double x, double y) {
+    cv::Mat patch;
+    cv::getRectSubPix(rectified[1], win, cv::Point2f(static_cast<float>(x), static_cast<float>(y)), patch);
+    return cv::norm(rectified[0](cv::Rect(u - r, v - r, win.width, win.height)), patch, cv::NORM_L1) / win.area();
+  };
+
+  int samples = 0, aligned = 0, distinct = 0;
+  std::vector<double> errors;
+  for (int v = r + 2; v < rect.size.height - r - 2; v += 9) {
+    for (int u = r + 2; u < rect.size.width - r - 2; u += 9) {
+      const cv::Rect box(u - r, v - r, win.width, win.height);
+      double zMin, zMax;
+      cv::minMaxLoc(depth(box), &zMin, &zMax);
+      if (zMin <= 0.0 || zMax > 1.01 * zMin) continue;  // no depth, or a depth edge in the window
+      const double d = f * B / depth.at<float>(v, u);
+      if (u - d - 4.0 - r < 1.0) continue;
+      cv::Scalar mean, sdev;
+      cv::meanStdDev(rectified[0](box), mean, sdev);
+      if (sdev[0] < 6.0) continue;  // too little texture to judge
+
+      ++samples;
+      double best = 1e30, bestDx = 0, bestDy = 0;
+      for (double dy = -1.0; dy <= 1.0; dy += 0.5)
+        for (double dx = -3.0; dx <= 3.0; dx += 0.25) {
+          const double e = cost(u, v, u - d + dx, v + dy);
+          if (e < best) best = e, bestDx = dx, bestDy = dy;
+        }
+      if (std::abs(bestDx) <= 0.5 && std::abs(bestDy) <= 0.5) ++aligned;
+      const double atTruth = cost(u, v, u - d, v);
+      if (atTruth < 0.5 * std::min(cost(u, v, u - d - 3.0, v), cost(u, v, u - d + 3.0, v))) ++distinct;
+      // Sub-sample minimum along the row through a parabola.
+      const double cm = cost(u, v, u - d + bestDx - 0.25, v + bestDy), cp = cost(u, v, u - d + bestDx + 0.25, v + bestDy);
+      const double curvature = cm - 2.0 * best + cp;
+      errors.push_back(std::abs(bestDx + (curvature > 0.0 ? 0.125 * (cm - cp) / curvature : 0.0)));
+    }
+  }
+  { auto e2 = errors; std::nth_element(e2.begin(), e2.begin() + e2.size() / 2, e2.end());
+    std::printf("STATS samples %d aligned %.3f distinct %.3f median %.3f\n", samples, double(aligned)/samples, double(distinct)/samples, e2[e2.size()/2]); }
+  ASSERT_GT(samples, 300);
+  EXPECT_GT(aligned, 0.9 * samples) << aligned << " of " << samples;
+  EXPECT_GT(distinct, 0.9 * samples) << distinct << " of " << samples;
+  std::nth_element(errors.begin(), errors.begin() + errors.size() / 2, errors.end());
+  EXPECT_LT(errors[errors.size() / 2], 0.15) << "median disparity error, pixels";
+}
+
+INSTANTIATE_TEST_SUITE_P(Rigs, SynthStereo, ::testing::Values(0, 1));
+
+TEST(SynthStereoFrame, CamerasOfDifferentSizesCannotStack) {
+  Rig rig = pinholeRig(64, 40);
+  rig.cameras[1].width = 66;
+  EXPECT_THROW(renderStereo(makeRenderer(rig, 1), defaultScene(), 0), std::invalid_argument);
+}
+
+// ---------------------------------------------------------------------------
+// Edges and depth: a flat bright box in front of a dark wall, seen from a
+// moved camera; the box outline must be rendered where OpenCV projects the
+// box's front face, and the depth images must hold that face's Z.
+
+struct EdgeCase {
+  const char* name;
+  Rig rig;
+  int camera;
+};
+
+std::vector<EdgeCase> edgeCases() {
+  const Rig pin = pinholeRig(640, 400), fish = fisheyeRig(640, 400);
+  return {{"pinhole left", pin, 0},
+          {"pinhole right", pin, 1},
+          {"fisheye left", fish, 0},
+          {"fisheye right", fish, 1},
+          {"colour camera", withColourCamera(pin, 800, 450), 2}};
+}
+
+TEST(SynthEdges, BoxOutlineAndDepthWhereOpenCVProjectsThem) {
+  Scene scene;
+  Material dark, bright;
+  dark.bgr = Eigen::Vector3d::Constant(0.1);
+  dark.contrast = 0.0;
+  bright.bgr = Eigen::Vector3d::Constant(0.9);
+  bright.contrast = 0.0;
+  scene.planes = {Plane{Eigen::Vector3d(0, 0, -1), -4.0, dark}};
+  Box box;
+  box.centre = Eigen::Vector3d(0.05, 0.0, 2.0);
+  box.halfSize = Eigen::Vector3d(0.35, 0.25, 0.2);
+  box.material = bright;
+  scene.boxes = {box};
+  scene.cameraStep = Eigen::Vector3d(0.03, -0.01, 0.02);
+  scene.cameraYawStep = 0.5 * kDeg;
+  const int frame = 2;
+  // Every camera centre stays inside the face's x and y range, so only the
+  // front face (z = 1.8) is visible and its edges are the outline.
+  const double zFace = 1.8, x0 = -0.3, x1 = 0.4, y0 = -0.25, y1 = 0.25;
+
+  // World to left camera at this frame, written out from the motion's definition.
+  Eigen::Isometry3d T_world_left = Eigen::Isometry3d::Identity();
+  T_world_left.linear() = Eigen::AngleAxisd(frame * scene.cameraYawStep, Eigen::Vector3d::UnitY()).toRotationMatrix();
+  T_world_left.translation() = frame * scene.cameraStep;
+  ASSERT_TRUE(leftPose(scene, frame).isApprox(T_world_left, 1e-15));
+
+  for (const EdgeCase& c : edgeCases()) {
+    SCOPED_TRACE(c.name);
+    const Camera& cam = c.rig.cameras[c.camera];
+    Eigen::Isometry3d T_cam_left = Eigen::Isometry3d::Identity();
+    for (int i = 1; i <= c.camera; ++i) T_cam_left = toIsometry(c.rig.cameras[i].T_cn_cnm1) * T_cam_left;
+    const Eigen::Isometry3d T_cam_world = T_cam_left * T_world_left.inverse();
+
+    const cv::Mat image = floatGrey(renderView(makeRenderer(c.rig, 4), scene, frame, c.camera));
+    const cv::Mat depth = cameraDepth(c.rig, scene, frame, c.camera);
+
+    // Points on the four edges, each with a partner 1.5 cm inside and outside the face.
+    struct Edge { Eigen::Vector3d a, b, out; };
+    const Edge edges[4] = {{{x0, y0, zFace}, {x1, y0, zFace}, {0, -1, 0}},
+                           {{x0, y1, zFace}, {x1, y1, zFace}, {0, 1, 0}},
+                           {{x0, y0, zFace}, {x0, y1, zFace}, {-1, 0, 0}},
+                           {{x1, y0, zFace}, {x1, y1, zFace}, {1, 0, 0}}};
+    std::vector<cv::Point3d> world;
+    for (const Edge& e : edges) {
+      for (int k = 0; k < 12; ++k) {
+        const Eigen::Vector3d p = e.a + (0.15 + 0.7 * k / 11.0) * (e.b - e.a);
+        for (double offset : {-0.015, 0.0, 0.015}) {
+          const Eigen::Vector3d q = p + offset * e.out;
+          world.emplace_back(q.x(), q.y(), q.z());
+        }
+      }
+    }
+    const std::vector<cv::Point2d> px = cvProject(cam, world, T_cam_world);
+
+    double worst = 0.0, total = 0.0;
+    for (std::size_t k = 0; k < px.size(); k += 3) {
+      const cv::Point2d in = px[k], edge = px[k + 1], out = px[k + 2];
+      const double inside = bilinear(image, in.x, in.y), outside = bilinear(image, out.x, out.y);
+      ASSERT_GT(inside - outside, 100.0) << "box not bright against the wall at " << edge;
+
+      // Where the grey level crosses half-way between the two sides, along in → out.
+      const double half = 0.5 * (inside + outside);
+      double prev = inside, crossing = -1.0;
+      for (int s = 1; s <= 200 && crossing < 0.0; ++s) {
+        const double t = s / 200.0;
+        const double val = bilinear(image, in.x + t * (out.x - in.x), in.y + t * (out.y - in.y));
+        if (val <= half) crossing = t - (half - val) / (prev - val) / 200.0;
+        prev = val;
+      }
+      const cv::Point2d dir = out - in;
+      const double edgeT = (edge - in).dot(dir) / dir.dot(dir);
+      const double offset = std::abs(crossing - edgeT) * cv::norm(dir);
+      worst = std::max(worst, offset);
+      total += offset;
+
+      // Depth of the face at the inner point, in this camera's frame.
+      const cv::Point3d& w = world[k];
+      const double z = (T_cam_world * Eigen::Vector3d(w.x, w.y, w.z)).z();
+      EXPECT_NEAR(depth.at<float>(cvRound(in.y), cvRound(in.x)), z, 1e-3) << in;
+    }
+    std::printf("STATS worst edge %.3f mean %.3f\n", worst, total / (px.size() / 3));
+    EXPECT_LT(worst, 0.3) << "outline offset from OpenCV's projection, pixels";
+    EXPECT_LT(total / (px.size() / 3), 0.12) << "mean outline offset, pixels";
+
+    if (c.camera == 0) {
+      // Rectified depth at a face point projected by P1·R1 is its rectified Z.
+      const Rectification rect = rectification(c.rig, 1.0);
+      const cv::Mat rd = rectifiedDepth(rect, scene, frame);
+      cv::Matx33d R1;
+      rect.R1.copyTo(R1);
+      for (std::size_t k = 0; k < world.size(); k += 3) {
+        const Eigen::Vector3d l = T_world_left.inverse() * Eigen::Vector3d(world[k].x, world[k].y, world[k].z);
+        const cv::Vec3d p = R1 * cv::Vec3d(l.x(), l.y(), l.z());
+        const double u = rect.P1.at<double>(0, 0) * p[0] / p[2] + rect.P1.at<double>(0, 2);
+        const double v = rect.P1.at<double>(1, 1) * p[1] / p[2] + rect.P1.at<double>(1, 2);
+        if (u < 0 || v < 0 || u > rd.cols - 1 || v > rd.rows - 1) continue;
+        EXPECT_NEAR(rd.at<float>(cvRound(v), cvRound(u)), p[2], 1e-3);
+      }
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Calibration file: read back with a few lines of plain string handling.
+
+struct ParsedCamera {
+  std::map<std::string, std::string> values;
+  std::vector<std::vector<double>> rows;  // T_cn_cnm1
+};
+
+std::vector<double> numbers(std::string text) {
+  std::replace(text.begin(), text.end(), '[', ' ');
+  std::replace(text.begin(), text.end(), ']', ' ');
+  std::replace(text.begin(), text.end(), ',', ' ');
+  std::istringstream in(text);
+  std::vector<double> out;
+  for (std::string tok; in >> tok;) out.push_back(std::strtod(tok.c_str(), nullptr));
+  return out;
+}
+
+std::map<std::string, ParsedCamera> parseCalibration(const std::string& text) {
+  std::map<std::string, ParsedCamera> cams;
+  std::istringstream in(text);
+  ParsedCamera* current = nullptr;
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    if (line[0] != ' ') {
+      current = &cams[line.substr(0, line.find(':'))];
+    } else if (line.rfind("  - ", 0) == 0) {
+      current->rows.push_back(numbers(line.substr(4)));
+    } else {
+      const std::size_t colon = line.find(':');
+      std::string value = line.substr(colon + 1);
+      value.erase(0, value.find_first_not_of(' '));
+      current->values[line.substr(2, colon - 2)] = value;
+    }
+  }
+  return cams;
+}
+
+TEST(SynthCalibration, YamlHoldsTheChainAndReadsBackExactly) {
+  const Rig rig = withColourCamera(fisheyeRig(640, 400), 960, 540);
+  const std::string text = calibrationYaml(rig);
+  const auto cams = parseCalibration(text);
+  ASSERT_EQ(cams.size(), 3u) << text;
+
+  for (int i = 0; i < 3; ++i) {
+    const std::string key = "cam" + std::to_string(i);
+    SCOPED_TRACE(key);
+    ASSERT_EQ(cams.count(key), 1u);
+    const ParsedCamera& p = cams.at(key);
+    const Camera& c = rig.cameras[i];
+    std::vector<std::string> keys;
+    for (const auto& kv : p.values) keys.push_back(kv.first);
+    const std::vector<std::string> expected =
+        i == 0 ? std::vector<std::string>{"distortion_coeffs", "distortion_model", "intrinsics", "resolution"}
+               : std::vector<std::string>{"T_cn_cnm1", "distortion_coeffs", "distortion_model", "intrinsics", "resolution"};
+    EXPECT_EQ(keys, expected);
+
+    EXPECT_EQ(numbers(p.values.at("intrinsics")), (std::vector<double>{c.fx, c.fy, c.cx, c.cy}));
+    EXPECT_EQ(numbers(p.values.at("distortion_coeffs")), c.coeffs);
+    EXPECT_EQ(p.values.at("distortion_model"), i < 2 ? "equidistant" : "radtan");
+    EXPECT_EQ(p.values.at("resolution"), "[" + std::to_string(c.width) + ", " + std::to_string(c.height) + "]");
+    if (i > 0) {
+      EXPECT_EQ(p.values.at("T_cn_cnm1"), "");
+      ASSERT_EQ(p.rows.size(), 4u);
+      for (int r = 0; r < 4; ++r) {
+        ASSERT_EQ(p.rows[r].size(), 4u);
+        for (int k = 0; k < 4; ++k) EXPECT_EQ(p.rows[r][k], c.T_cn_cnm1(r, k)) << r << "," << k;
+      }
+    }
+  }
+  EXPECT_EQ(rig.cameras[2].coeffs.size(), 5u);
+
+  // The colour camera was placed 3.5 cm right, 1.2 cm up and 4 mm forward of
+  // the left camera; the chain read from the file must put it back there.
+  Eigen::Matrix4d T_c2_c0 = Eigen::Matrix4d::Identity();
+  for (int i = 1; i <= 2; ++i) {
+    Eigen::Matrix4d T;
+    for (int r = 0; r < 4; ++r)
+      for (int k = 0; k < 4; ++k) T(r, k) = cams.at("cam" + std::to_string(i)).rows[r][k];
+    T_c2_c0 = T * T_c2_c0;
+  }
+  const Eigen::Vector3d centre = -T_c2_c0.topLeftCorner<3, 3>().transpose() * T_c2_c0.topRightCorner<3, 1>();
+  EXPECT_LT((centre - Eigen::Vector3d(0.035, -0.012, 0.004)).norm(), 1e-12) << centre.transpose();
+}
+
+// ---------------------------------------------------------------------------
+// Sequence files.
+
+std::vector<unsigned char> fileBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+TEST(SynthSequence, WritesFramesDepthColourAndPoses) {
+  const std::filesystem::path dir =
+      std::filesystem::temp_directory_path() / ("lumo_synth_seq_" + std::to_string(::getpid()));
+  const Rig rig = withColourCamera(pinholeRig(160, 100), 120, 68);
+  const Scene scene = movingScene(3);
+  SequenceOptions options;
+  options.supersample = 1;
+  writeSequence(dir.string(), rig, scene, 3, 0.5, options);
+
+  const Renderer renderer = makeRenderer(rig, 1);
+  const Rectification rect = rectification(rig, 0.5);
+  std::vector<cv::Mat> frames;
+  for (int k = 0; k < 3; ++k) {
+    SCOPED_TRACE(k);
+    char name[32];
+    std::snprintf(name, sizeof(name), "%06d", k);
+    const cv::Mat frame = cv::imread((dir / ("frame_" + std::string(name) + ".png")).string(), cv::IMREAD_UNCHANGED);
+    ASSERT_EQ(frame.type(), CV_8UC1);
+    ASSERT_EQ(frame.size(), cv::Size(160, 200));
+    // Left view on top, right view below.
+    EXPECT_EQ(cv::norm(frame.rowRange(0, 100), toGrey(renderView(renderer, scene, k, 0)), cv::NORM_INF), 0.0);
+    EXPECT_EQ(cv::norm(frame.rowRange(100, 200), toGrey(renderView(renderer, scene, k, 1)), cv::NORM_INF), 0.0);
+    frames.push_back(frame);
+
+    // Depth file layout read byte by byte: "LDEP", width, height, floats, all little-endian.
+    const std::vector<unsigned char> bytes = fileBytes((dir / ("depth_" + std::string(name) + ".ldep")).string());
+    const cv::Mat truth = rectifiedDepth(rect, scene, k);
+    ASSERT_EQ(bytes.size(), 12u + 4u * 80u * 50u);
+    EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 4), "LDEP");
+    EXPECT_EQ(bytes[4] | bytes[5] << 8 | bytes[6] << 16 | bytes[7] << 24, 80);
+    EXPECT_EQ(bytes[8] | bytes[9] << 8 | bytes[10] << 16 | bytes[11] << 24, 50);
+    const std::size_t at = 12 + 4 * (25 * 80 + 40);
+    const std::uint32_t bits = bytes[at] | bytes[at + 1] << 8 | bytes[at + 2] << 16 | std::uint32_t(bytes[at + 3]) << 24;
+    float centre;
+    std::memcpy(&centre, &bits, 4);
+    EXPECT_EQ(centre, truth.at<float>(25, 40));
+    EXPECT_EQ(cv::norm(readDepth((dir / ("depth_" + std::string(name) + ".ldep")).string()), truth, cv::NORM_INF), 0.0);
+
+    EXPECT_EQ(cv::imread((dir / ("colour_" + std::string(name) + ".png")).string()).size(), cv::Size(120, 68));
+    EXPECT_EQ(readDepth((dir / ("colour_depth_" + std::string(name) + ".ldep")).string()).size(), cv::Size(120, 68));
+  }
+  EXPECT_GT(cv::norm(frames[0], frames[1], cv::NORM_L1) / frames[0].total(), 2.0) << "the scene should move";
+  EXPECT_TRUE(std::filesystem::exists(dir / "calib.yaml"));
+
+  std::ifstream poses(dir / "poses.txt");
+  std::vector<std::vector<double>> lines;
+  for (std::string line; std::getline(poses, line);) lines.push_back(numbers(line));
+  ASSERT_EQ(lines.size(), 3u);
+  for (int k = 0; k < 3; ++k) {
+    ASSERT_EQ(lines[k].size(), 13u);
+    EXPECT_EQ(lines[k][0], k);
+    const Eigen::Matrix4d T = leftPose(scene, k).matrix();
+    for (int i = 0; i < 12; ++i) EXPECT_EQ(lines[k][1 + i], T(i / 4, i % 4));
+  }
+  std::filesystem::remove_all(dir);
+}
+
+}  // namespace
