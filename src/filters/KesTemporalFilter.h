@@ -35,6 +35,8 @@ class KesTemporalFilter {
   void on_set_alpha(float a);
   void on_set_delta(float d);
   void on_set_persistence_control(uint8_t p);
+
+  // Rebuilds the table for the current persistence control (mutex held).
   void recalc_persistence_map();
 
   // On a change of width, height or stride: both per-pixel arrays become zeros.

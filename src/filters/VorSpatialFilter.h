@@ -34,7 +34,7 @@ class VorSpatialFilter {
   void recursive_filter_horizontal(float* image, float alpha, float delta);
   void recursive_filter_vertical(float* image, float alpha, float delta);
 
- protected:
+ protected:  // the hole-fill radius has no setter; a subclass may set it
   float alpha_ = 0.5f;   // weight of the current pixel; the neighbour gets 1 - alpha
   float delta_ = 20.0f;  // largest depth step that is still smoothed
   int iterations_ = 2;

@@ -85,6 +85,8 @@ StereoDepth::StereoDepth() {
   colourInput_ = newImageRecord(kColourBufferBytes);
   colourToDepth_ = newImageRecord(kColourBufferBytes);
   depthToColour_ = newDepthRecord(kOutputBufferBytes);
+  temporalFilter_ = std::make_unique<KesTemporalFilter>();
+  spatialFilter_ = std::make_unique<VorSpatialFilter>();
 
   stereoRing_ = std::make_unique<LumoUtils::LumoImageRing>(kStereoRingSlots, kRingSlotBytes);
   colourRing_ = std::make_unique<LumoUtils::LumoImageRing>(kColourRingSlots, kRingSlotBytes);
@@ -108,6 +110,8 @@ StereoDepth::~StereoDepth() {
     for (auto& engine : engines_) engine.reset();
     engines_.clear();
   }
+  temporalFilter_.reset();
+  spatialFilter_.reset();
   if (preprocessThread_.joinable()) preprocessThread_.join();
 
   stereoRing_.reset();
@@ -351,6 +355,10 @@ void StereoDepth::updateResult() {
     depth_->height = static_cast<uint32_t>(dims[2]);
     depth_->width = static_cast<uint32_t>(dims[3]);
     depth_->size = static_cast<uint32_t>(dims[1] * dims[2] * dims[3] * 4);
+    if (enableFilter_) {
+      spatialFilter_->processFrame(depth_);
+      temporalFilter_->processFrame(depth_);
+    }
     disparity_->channels = depth_->channels;
     disparity_->height = depth_->height;
     disparity_->width = depth_->width;

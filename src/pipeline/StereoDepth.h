@@ -28,6 +28,8 @@
 
 #include "camera/LumoCam.h"
 #include "engine/StereoEngineBase.h"
+#include "filters/KesTemporalFilter.h"
+#include "filters/VorSpatialFilter.h"
 #include "lumetra_depth.h"
 #include "pipeline/LumoImageRing.h"
 
@@ -97,6 +99,8 @@ class StereoDepth {
   std::size_t engineCount();
 
  private:
+  friend struct StereoDepthTestAccess;  // tests inspect calibration and buffers
+
   void preprocessLoop();
   void updateResult();
   void restoreResultsSize();
@@ -183,6 +187,10 @@ class StereoDepth {
   LumoImage* colourInput_ = nullptr;
   LumoImage* colourToDepth_ = nullptr;
   LumoDepthImage* depthToColour_ = nullptr;
+
+  // Depth filters, run on the result thread.
+  std::unique_ptr<KesTemporalFilter> temporalFilter_;
+  std::unique_ptr<VorSpatialFilter> spatialFilter_;
 
   // Point cloud (guarded by resultMutex_).
   float* pointBuffer_ = nullptr;  // 3 floats per point, freed with free()

@@ -26,13 +26,15 @@ std::vector<float> run(KesTemporalFilter& filter, std::vector<float> px, uint32_
   return px;
 }
 
-// Straight from the description; the history is read in time order (k frames
-// ago = slot - k) instead of through a rotated table.
+// Written plainly from the filter's rules; the history is read in time order
+// (k frames ago = slot - k) instead of through a rotated table.
 class TemporalReference {
  public:
   void setAlpha(float a) { alpha_ = a, slot_ = 0; }
   void setDelta(float d) { delta_ = d, slot_ = 0; }
-  void setPersistence(float p) { persistence_ = ((static_cast<int>(std::trunc(p)) % 256) + 256) % 256; }
+  void setPersistence(float p) {
+    persistence_ = ((static_cast<int>(std::trunc(p)) % 256) + 256) % 256;
+  }
 
   void process(std::vector<float>& depth, uint32_t w, uint32_t h, uint32_t stride) {
     if (w != w_ || h != h_ || stride != stride_) {
@@ -86,7 +88,10 @@ class TemporalReference {
 class DepthStream {
  public:
   DepthStream(size_t pixels, unsigned seed) : rng_(seed), base_(pixels), valid_(pixels) {
-    for (size_t i = 0; i < pixels; ++i) base_[i] = 50.0f + 0.25f * (rng_() % 400), valid_[i] = rng_() % 2;
+    for (size_t i = 0; i < pixels; ++i) {
+      base_[i] = 50.0f + 0.25f * (rng_() % 400);
+      valid_[i] = rng_() % 2;
+    }
   }
   std::vector<float> next() {
     std::vector<float> frame(base_.size());

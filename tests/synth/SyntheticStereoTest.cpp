@@ -323,6 +323,36 @@ TEST(SynthEdges, BoxOutlineAndDepthWhereOpenCVProjectsThem) {
   }
 }
 
+// A box moving 2 cm per frame across a distortion-free camera at 2 m with
+// fx = 500 moves 5 pixels per frame, and its texture must move with it.
+TEST(SynthMotion, MovingBoxCarriesItsTexture) {
+  Camera cam;
+  cam.width = 200;
+  cam.height = 150;
+  cam.fx = cam.fy = 500.0;
+  cam.cx = 99.5;
+  cam.cy = 74.5;
+  cam.coeffs = {0.0, 0.0, 0.0, 0.0};
+  const Rig rig{{cam}};
+
+  Scene scene;
+  Material flat;
+  flat.contrast = 0.0;
+  scene.planes = {Plane{Eigen::Vector3d(0, 0, -1), -4.0, flat}};
+  Box box;
+  box.centre = Eigen::Vector3d(0.0, 0.0, 2.1);  // front face at z = 2
+  box.halfSize = Eigen::Vector3d(0.3, 0.2, 0.1);
+  box.velocity = Eigen::Vector3d(0.02, 0.0, 0.0);
+  scene.boxes = {box};
+
+  const Renderer renderer = makeRenderer(rig, 2);
+  const cv::Mat a = floatGrey(renderView(renderer, scene, 0, 0)), b = floatGrey(renderView(renderer, scene, 1, 0));
+  // Inside the face at frame 0: u in [24.5, 174.5], v in [24.5, 124.5].
+  const cv::Rect inner(30, 30, 135, 90);
+  EXPECT_LE(cv::norm(a(inner), b(inner + cv::Point(5, 0)), cv::NORM_INF), 2.0);
+  EXPECT_GT(cv::norm(a(inner), b(inner), cv::NORM_L1) / inner.area(), 5.0) << "texture too weak to tell";
+}
+
 // ---------------------------------------------------------------------------
 // Calibration file: read back with a few lines of plain string handling.
 

@@ -28,7 +28,7 @@ Eigen::Vector2d radtanDistort(const Camera& cam, double x, double y, Eigen::Matr
   const double k1 = coeff(cam, 0), k2 = coeff(cam, 1), p1 = coeff(cam, 2), p2 = coeff(cam, 3), k3 = coeff(cam, 4);
   const double r2 = x * x + y * y;
   const double radial = 1.0 + r2 * (k1 + r2 * (k2 + r2 * k3));
-  const Eigen::Vector2d out(x * radial + 2.0 * p1 * x * y - p2 * (r2 + 2.0 * x * x),
+  const Eigen::Vector2d out(x * radial + 2.0 * p1 * x * y + p2 * (r2 + 2.0 * x * x),
                             y * radial + p1 * (r2 + 2.0 * y * y) + 2.0 * p2 * x * y);
   if (jacobian) {
     const double dRadial = k1 + r2 * (2.0 * k2 + 3.0 * k3 * r2);  // d radial / d r2

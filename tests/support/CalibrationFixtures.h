@@ -1,0 +1,213 @@
+// Test fixtures for the calibration side of the pipeline: a scratch directory,
+// a configuration file with every key, camera-chain calibration files and the
+// tracker's calibration record built from the same camera description.
+#pragma once
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <opencv2/calib3d.hpp>
+#include <opencv2/core.hpp>
+
+#include "lumetra_depth.h"
+
+namespace LumoTest {
+
+// A mkdtemp directory, removed with everything in it on destruction.
+class TempDir {
+ public:
+  TempDir() {
+    char pattern[] = "/tmp/lumo_calib_XXXXXX";
+    const char* made = mkdtemp(pattern);
+    path_ = made != nullptr ? made : "";
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// Switches back to the working directory it found.
+class ScopedChdir {
+ public:
+  explicit ScopedChdir(const std::string& dir) {
+    char buffer[4096];
+    if (getcwd(buffer, sizeof(buffer)) != nullptr) previous_ = buffer;
+    ok_ = chdir(dir.c_str()) == 0;
+  }
+  ~ScopedChdir() {
+    if (!previous_.empty() && chdir(previous_.c_str()) != 0) std::perror("chdir");
+  }
+  bool ok() const { return ok_; }
+
+ private:
+  std::string previous_;
+  bool ok_ = false;
+};
+
+inline void writeText(const std::string& path, const std::string& text) {
+  std::ofstream out(path, std::ios::binary);
+  out << text;
+}
+
+struct ConfigOptions {
+  int width = 1280;
+  int height = 800;
+  float scaling = 1.0f;
+  int threadNum = 0;
+  int restoreDepthDim = 1;
+  std::string calibPath = "calib.yaml";  // empty: the key is written with no value
+};
+
+// All configuration keys; the values not in ConfigOptions keep the pipeline quiet
+// (no alignment, no filters, no debug output).
+inline std::string configText(const ConfigOptions& o) {
+  std::ostringstream s;
+  s << "enable_module: 1\n"
+    << "model_path: \"\"\n"
+    << "calib_path: " << o.calibPath << "\n"
+    << "input_stereo_width: " << o.width << "\n"
+    << "input_stereo_height: " << o.height << "\n"
+    << "stereo_img_scaling: " << o.scaling << "\n"
+    << "input_aux_cam_width: 1920\n"
+    << "input_aux_cam_height: 1080\n"
+    << "aux_cam_scaling: 1.0\n"
+    << "thread_num: " << o.threadNum << "\n"
+    << "async_mode: 1\n"
+    << "align_cam_id: -1\n"
+    << "align_direction: false\n"
+    << "enable_filter: false\n"
+    << "wls_filter: false\n"
+    << "depth_mode: 0\n"
+    << "enable_voxel: false\n"
+    << "voxelSize: 0.01\n"
+    << "minPoints: 1\n"
+    << "pointcloud_type: 0\n"
+    << "pointcloud_ROI: 1.0\n"
+    << "skip_point: 0\n"
+    << "farthest_dist: 10\n"
+    << "cloest_dist: 0.1\n"
+    << "restore_depth_dim: " << o.restoreDepthDim << "\n"
+    << "debug_image: 0\n"
+    << "debug_img_save_path: /tmp\n";
+  return s.str();
+}
+
+// One camera of a chain as both the file and the record describe it.
+struct CameraSpec {
+  double fx, fy, cx, cy;
+  std::vector<double> coeffs;
+  std::string model;  // file text: radtan, equidistant, cvbasic, or anything else
+  int width, height;  // calibration resolution
+  bool hasTransform = false;
+  cv::Matx44d T = cv::Matx44d::eye();  // T_cn_cnm1
+};
+
+// Shortest text that reads back as the same double.
+inline std::string number(double v) {
+  char text[40];
+  std::snprintf(text, sizeof(text), "%.17g", v);
+  return text;
+}
+
+inline std::string calibText(const std::vector<CameraSpec>& cams, const std::vector<int>& indices = {}) {
+  std::ostringstream s;
+  for (std::size_t n = 0; n < cams.size(); ++n) {
+    const CameraSpec& c = cams[n];
+    s << "cam" << (indices.empty() ? static_cast<int>(n) : indices[n]) << ":\n";
+    s << "  camera_model: pinhole\n";  // ignored by the import
+    s << "  intrinsics: [" << number(c.fx) << ", " << number(c.fy) << ", " << number(c.cx) << ", "
+      << number(c.cy) << "]\n";
+    s << "  distortion_coeffs: [";
+    for (std::size_t j = 0; j < c.coeffs.size(); ++j) s << (j ? ", " : "") << number(c.coeffs[j]);
+    s << "]\n";
+    s << "  distortion_model: " << c.model << "\n";
+    s << "  resolution: [" << c.width << ", " << c.height << "]\n";
+    if (c.hasTransform) {
+      s << "  T_cn_cnm1:\n";
+      for (int r = 0; r < 4; ++r) {
+        s << "  - [" << number(c.T(r, 0)) << ", " << number(c.T(r, 1)) << ", " << number(c.T(r, 2)) << ", "
+          << number(c.T(r, 3)) << "]\n";
+      }
+    }
+  }
+  return s.str();
+}
+
+// The record's distortion code for a file model name (the inverse of the import's mapping).
+inline uint8_t recordDistortionCode(const std::string& model) {
+  if (model == "equidistant") return 1;
+  if (model == "radtan") return 2;
+  if (model == "cvbasic") return 4;
+  return 0;
+}
+
+inline LumoCalibrationParam calibRecord(const std::vector<CameraSpec>& cams) {
+  LumoCalibrationParam calib{};
+  calib.num_cameras = static_cast<uint32_t>(cams.size());
+  calib.downsize_ratio = 1;
+  calib.imu_update_rate = 200.0f;
+  for (std::size_t n = 0; n < cams.size() && n < 3; ++n) {
+    const CameraSpec& c = cams[n];
+    LumoCameraCalib& out = calib.cameras[n];
+    out.camera_id = static_cast<uint8_t>(n);
+    out.available_mask = c.hasTransform ? 0x03 : 0x01;
+    LumoIntrinsics& in = out.intrinsics;
+    in.width = static_cast<uint32_t>(c.width);
+    in.height = static_cast<uint32_t>(c.height);
+    in.fx = static_cast<float>(c.fx);
+    in.fy = static_cast<float>(c.fy);
+    in.cx = static_cast<float>(c.cx);
+    in.cy = static_cast<float>(c.cy);
+    in.distortion_model = recordDistortionCode(c.model);
+    for (std::size_t j = 0; j < c.coeffs.size() && j < 8; ++j) in.distortion_coeffs[j] = static_cast<float>(c.coeffs[j]);
+    for (int r = 0; r < 3; ++r) {
+      for (int k = 0; k < 3; ++k) out.T_cn_cnm1.rotation[3 * r + k] = static_cast<float>(c.T(r, k));
+      out.T_cn_cnm1.translation[r] = static_cast<float>(c.T(r, 3));
+    }
+  }
+  return calib;
+}
+
+// A stereo rig calibrated at 640x400: camera 1 sits about 0.1 to the right of
+// camera 0 and is turned by 1 degree about a tilted axis. Intrinsics and lens
+// coefficients are dyadic so that the record's floats hold them exactly.
+inline std::vector<CameraSpec> syntheticRig(const std::string& model) {
+  const bool fisheye = model == "equidistant";
+  const std::vector<double> lens0 = fisheye ? std::vector<double>{-0.015625, 0.0078125, -0.00390625, 0.001953125}
+                                            : std::vector<double>{-0.125, 0.015625, 0.0001220703125, -0.000244140625};
+  const std::vector<double> lens1 = fisheye ? std::vector<double>{-0.0234375, 0.01171875, -0.001953125, 0.0009765625}
+                                            : std::vector<double>{-0.109375, 0.0234375, -0.0001220703125, 0.0001220703125};
+  CameraSpec cam0{400.5, 401.25, 322.75, 198.5, lens0, model, 640, 400};
+  CameraSpec cam1{402.0, 402.75, 318.25, 203.5, lens1, model, 640, 400};
+  cv::Vec3d axis(0.3, 1.0, 0.2);
+  axis *= (CV_PI / 180.0) / cv::norm(axis);
+  cv::Matx33d R;
+  cv::Rodrigues(axis, R);
+  cam1.hasTransform = true;
+  for (int r = 0; r < 3; ++r) {
+    for (int k = 0; k < 3; ++k) cam1.T(r, k) = R(r, k);
+  }
+  cam1.T(0, 3) = -0.1;
+  cam1.T(1, 3) = 0.003;
+  cam1.T(2, 3) = -0.002;
+  return {cam0, cam1};
+}
+
+}  // namespace LumoTest
