@@ -1,6 +1,7 @@
 // Test fixtures for the calibration side of the pipeline: a scratch directory,
 // a configuration file with every key, camera-chain calibration files and the
-// tracker's calibration record built from the same camera description.
+// tracker's calibration record built from the same camera description, and
+// StereoDepthTestAccess to read the calibration state a pipeline keeps private.
 #pragma once
 
 #include <stdlib.h>
@@ -18,6 +19,32 @@
 #include <opencv2/core.hpp>
 
 #include "lumetra_depth.h"
+#include "pipeline/StereoDepth.h"
+#include "support/CaptureOutput.h"
+
+namespace KorvLumetra {
+
+// Reaches the calibration state of a pipeline (the class befriends it).
+struct StereoDepthTestAccess {
+  static auto& kInput(StereoDepth& p) { return p.camKInputList_; }
+  static auto& kProc(StereoDepth& p) { return p.camKProcList_; }
+  static auto& distortion(StereoDepth& p) { return p.camDList_; }
+  static auto& models(StereoDepth& p) { return p.camModels_; }
+  static auto& transforms(StereoDepth& p) { return p.camTList_; }
+  static float baseline(StereoDepth& p) { return p.baseline_; }
+  static auto& depthLut(StereoDepth& p) { return p.depthLut_; }
+  static auto& map1(StereoDepth& p) { return p.rectMap1List_; }
+  static auto& map2(StereoDepth& p) { return p.rectMap2List_; }
+  static cv::Mat& R1(StereoDepth& p) { return p.rectR1_; }
+  static cv::Mat& R2(StereoDepth& p) { return p.rectR2_; }
+  static cv::Mat& P1(StereoDepth& p) { return p.rectP1_; }
+  static cv::Mat& P2(StereoDepth& p) { return p.rectP2_; }
+  static auto& scaledSizes(StereoDepth& p) { return p.scaledSizes_; }
+  static auto& scaleRatios(StereoDepth& p) { return p.scaleRatios_; }
+  static const StereoEngineBase* engine(StereoDepth& p, std::size_t i) { return p.engines_[i].get(); }
+};
+
+}  // namespace KorvLumetra
 
 namespace LumoTest {
 
@@ -208,6 +235,23 @@ inline std::vector<CameraSpec> syntheticRig(const std::string& model) {
   cam1.T(1, 3) = 0.003;
   cam1.T(2, 3) = -0.002;
   return {cam0, cam1};
+}
+
+// Writes cfg.yaml, and calib.yaml when `cams` is not empty (otherwise the
+// configuration names no calibration), into `dir` and configures `pipeline`.
+// Standard output goes to *printed when given.
+inline int configure(KorvLumetra::StereoDepth& pipeline, const TempDir& dir, ConfigOptions options,
+                     const std::vector<CameraSpec>& cams, std::string* printed = nullptr) {
+  if (cams.empty()) {
+    options.calibPath.clear();
+  } else {
+    writeText(dir.file(options.calibPath), calibText(cams));
+  }
+  writeText(dir.file("cfg.yaml"), configText(options));
+  int status = -1;
+  const std::string out = captureStdout([&] { status = pipeline.initFromYaml(dir.file("cfg.yaml")); });
+  if (printed != nullptr) *printed = out;
+  return status;
 }
 
 }  // namespace LumoTest
