@@ -76,6 +76,18 @@ class LumoRing {
     throw std::length_error("pop_front called on empty buffer");
   }
 
+  // The newest element for which pred(slot) holds, or null. Same caveat as
+  // back(): the owner's lock keeps the slot from being overwritten meanwhile.
+  template <typename Pred>
+  Slot* findNewest(Pred pred) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (uint64_t i = 0; i < count_; ++i) {
+      Slot& slot = slots_[(head_ + capacity_ - 1 - i) % capacity_];
+      if (pred(slot)) return &slot;
+    }
+    return nullptr;
+  }
+
   uint64_t size() {
     std::lock_guard<std::mutex> lock(mutex_);
     return count_;

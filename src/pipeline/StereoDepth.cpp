@@ -236,7 +236,9 @@ bool StereoDepth::depthOfFrameReady(uint64_t timestamp) {
   if (alignEnabled_.load()) {
     return depthToColour_->timestamp == timestamp || colourToDepth_->timestamp == timestamp;
   }
-  return depth_->timestamp == timestamp;
+  // The output record, not the raw depth: it is filled under a second hold of
+  // the lock, and the caller's next getDepthImage must see this frame.
+  return depthOutput_->timestamp == timestamp;
 }
 
 void StereoDepth::preprocessLoop() {
@@ -351,6 +353,7 @@ void StereoDepth::updateResult() {
       continue;
     }
     depth_->timestamp = timestamp;
+    carryFrameTags(depth_);
     depth_->channels = static_cast<uint32_t>(dims[1]);
     depth_->height = static_cast<uint32_t>(dims[2]);
     depth_->width = static_cast<uint32_t>(dims[3]);
@@ -364,6 +367,9 @@ void StereoDepth::updateResult() {
     disparity_->width = depth_->width;
     disparity_->size = depth_->size;
     disparity_->timestamp = depth_->timestamp;
+    disparity_->tag0 = depth_->tag0;
+    disparity_->tag1 = depth_->tag1;
+    disparity_->format = depth_->format;
     ++depthResultCount_;
     resultLock.unlock();
 
@@ -386,6 +392,18 @@ void StereoDepth::updateResult() {
       }
     }
   }
+}
+
+void StereoDepth::carryFrameTags(LumoDepthImage* result) {
+  // The engines hand back pixels and a time stamp only; the host's tags travel
+  // with the frame kept in the stereo ring.
+  std::lock_guard<std::mutex> lock(stereoRingMutex_);
+  const uint64_t timestamp = result->timestamp;
+  const LumoImage* frame = stereoRing_->findNewest([timestamp](const LumoImage& slot) { return slot.timestamp == timestamp; });
+  if (frame == nullptr) return;
+  result->tag0 = frame->tag0;
+  result->tag1 = frame->tag1;
+  result->format = frame->format;
 }
 
 void StereoDepth::restoreResultsSize() {

@@ -104,6 +104,7 @@ class StereoDepth {
   void preprocessLoop();
   void updateResult();
   void restoreResultsSize();
+  void carryFrameTags(LumoDepthImage* result);
   bool depthOfFrameReady(uint64_t timestamp);
   void appendCamera(const cv::Mat& D, const cv::Mat& kInput, int camIndex, int model);
   void recreateEngines();

@@ -92,10 +92,10 @@ TEST(PublicAbi, ExportsOnlyTheInterface) {
 
 TEST(PublicAbi, MissingConfigurationStillGivesAHandle) {
   void* handle = nullptr;
-  int status = -1;
+  int created = -1;
   const std::string printed = LumoTest::captureStdout(
-      [&] { status = KORV_LUMO_D_CreateHandleWithConfig(&handle, "/nonexistent/lumetra/config.yaml"); });
-  EXPECT_EQ(status, 0);
+      [&] { created = KORV_LUMO_D_CreateHandleWithConfig(&handle, "/nonexistent/lumetra/config.yaml"); });
+  EXPECT_EQ(created, 0);
   ASSERT_NE(handle, nullptr);
   EXPECT_NE(printed.find("[ ERROR] initFromYaml(): file not exits: /nonexistent/lumetra/config.yaml\n"),
             std::string::npos)
@@ -109,6 +109,13 @@ TEST(PublicAbi, MissingConfigurationStillGivesAHandle) {
   frame.data = pixels.data();
   EXPECT_EQ(KORV_LUMO_D_FeedStereoImage(handle, &frame), 1);
   EXPECT_EQ(KORV_LUMO_D_BindNavra(handle, nullptr), 1);
+  // This process has no tracking library: binding fails with a message.
+  int navra = 0;
+  int status = 0;
+  const std::string bound = LumoTest::captureStdout([&] { status = KORV_LUMO_D_BindNavra(handle, &navra); });
+  EXPECT_EQ(status, 1);
+  EXPECT_NE(bound.find("[ ERROR] KORV_LUMO_D_BindNavra(): Failed to get calib from Navra handle\n"), std::string::npos)
+      << bound;
   EXPECT_EQ(KORV_LUMO_D_DestroyHandle(handle), 0);
 }
 

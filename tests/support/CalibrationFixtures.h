@@ -21,6 +21,8 @@
 #include "lumetra_depth.h"
 #include "pipeline/StereoDepth.h"
 #include "support/CaptureOutput.h"
+#include "support/HostConfig.h"
+#include "support/TempDir.h"
 
 namespace KorvLumetra {
 
@@ -48,51 +50,6 @@ struct StereoDepthTestAccess {
 
 namespace LumoTest {
 
-// A mkdtemp directory, removed with everything in it on destruction.
-class TempDir {
- public:
-  TempDir() {
-    char pattern[] = "/tmp/lumo_calib_XXXXXX";
-    const char* made = mkdtemp(pattern);
-    path_ = made != nullptr ? made : "";
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const std::string& path() const { return path_; }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
-
-// Switches back to the working directory it found.
-class ScopedChdir {
- public:
-  explicit ScopedChdir(const std::string& dir) {
-    char buffer[4096];
-    if (getcwd(buffer, sizeof(buffer)) != nullptr) previous_ = buffer;
-    ok_ = chdir(dir.c_str()) == 0;
-  }
-  ~ScopedChdir() {
-    if (!previous_.empty() && chdir(previous_.c_str()) != 0) std::perror("chdir");
-  }
-  bool ok() const { return ok_; }
-
- private:
-  std::string previous_;
-  bool ok_ = false;
-};
-
-inline void writeText(const std::string& path, const std::string& text) {
-  std::ofstream out(path, std::ios::binary);
-  out << text;
-}
-
 struct ConfigOptions {
   int width = 1280;
   int height = 800;
@@ -105,35 +62,15 @@ struct ConfigOptions {
 // All configuration keys; the values not in ConfigOptions keep the pipeline quiet
 // (no alignment, no filters, no debug output).
 inline std::string configText(const ConfigOptions& o) {
-  std::ostringstream s;
-  s << "enable_module: 1\n"
-    << "model_path: \"\"\n"
-    << "calib_path: " << o.calibPath << "\n"
-    << "input_stereo_width: " << o.width << "\n"
-    << "input_stereo_height: " << o.height << "\n"
-    << "stereo_img_scaling: " << o.scaling << "\n"
-    << "input_aux_cam_width: 1920\n"
-    << "input_aux_cam_height: 1080\n"
-    << "aux_cam_scaling: 1.0\n"
-    << "thread_num: " << o.threadNum << "\n"
-    << "async_mode: 1\n"
-    << "align_cam_id: -1\n"
-    << "align_direction: false\n"
-    << "enable_filter: false\n"
-    << "wls_filter: false\n"
-    << "depth_mode: 0\n"
-    << "enable_voxel: false\n"
-    << "voxelSize: 0.01\n"
-    << "minPoints: 1\n"
-    << "pointcloud_type: 0\n"
-    << "pointcloud_ROI: 1.0\n"
-    << "skip_point: 0\n"
-    << "farthest_dist: 10\n"
-    << "cloest_dist: 0.1\n"
-    << "restore_depth_dim: " << o.restoreDepthDim << "\n"
-    << "debug_image: 0\n"
-    << "debug_img_save_path: /tmp\n";
-  return s.str();
+  return HostConfig()
+      .set("calib_path", o.calibPath)
+      .set("input_stereo_width", std::to_string(o.width))
+      .set("input_stereo_height", std::to_string(o.height))
+      .set("stereo_img_scaling", std::to_string(o.scaling))
+      .set("thread_num", std::to_string(o.threadNum))
+      .set("async_mode", "1")
+      .set("restore_depth_dim", std::to_string(o.restoreDepthDim))
+      .text();
 }
 
 // One camera of a chain as both the file and the record describe it.

@@ -66,7 +66,7 @@ struct Scene {
 };
 
 // Static scene: back wall at 5.5 m, floor 1.1 m below the camera, three
-// boxes and a sphere between about 1.2 m and 4 m, all richly textured.
+// boxes and a sphere between about 1.1 m and 4.4 m, all richly textured.
 Scene defaultScene(std::uint32_t seed = 1);
 
 // defaultScene with the camera drifting (2 cm right, 1 cm forward and 0.2°
@@ -77,7 +77,8 @@ Scene movingScene(std::uint32_t seed = 1);
 // into the world frame. Identity at frame 0.
 Eigen::Isometry3d leftPose(const Scene& scene, int frame);
 
-// Nearest surface along a ray; filled by SceneView::intersect.
+// Nearest surface along a ray; filled by SceneView::intersect and valid
+// while that view lives (it points into the view).
 struct Hit {
   double t = 0.0;                    // hit point = t · dir, in the view's camera frame
   Eigen::Vector3d normal;            // unit, camera frame, facing the camera

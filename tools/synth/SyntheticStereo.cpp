@@ -109,31 +109,8 @@ std::string inlineList(const std::vector<double>& values) {
   return s + "]";
 }
 
-}  // namespace
-
-cv::Matx33d cameraMatrix(const Camera& cam) {
-  return cv::Matx33d(cam.fx, 0.0, cam.cx, 0.0, cam.fy, cam.cy, 0.0, 0.0, 1.0);
-}
-
-cv::Mat distCoeffs(const Camera& cam) { return cv::Mat(cam.coeffs, true).reshape(1, static_cast<int>(cam.coeffs.size())); }
-
-Eigen::Vector2d projectPoint(const Camera& cam, const Eigen::Vector3d& p) {
-  const double x = p.x() / p.z(), y = p.y() / p.z();
-  Eigen::Vector2d d;
-  if (cam.model == LensModel::Radtan) {
-    d = radtanDistort(cam, x, y, nullptr);
-  } else {
-    const double r = std::hypot(x, y);
-    const double scale = r > 1e-15 ? equidistantAngle(cam, std::atan(r), nullptr) / r : 1.0;
-    d = Eigen::Vector2d(scale * x, scale * y);
-  }
-  return Eigen::Vector2d(cam.fx * d.x() + cam.cx, cam.fy * d.y() + cam.cy);
-}
-
-namespace {
-
 // Newton's method on the lens model; `guess` (a nearby pixel's ray) only
-// shortens the radtan iteration, the answer does not depend on it.
+// shortens the radtan iteration; the answer does not depend on it beyond rounding.
 bool solveRay(const Camera& cam, double u, double v, const Eigen::Vector2d& guess, Eigen::Vector2d& xy) {
   const Eigen::Vector2d target((u - cam.cx) / cam.fx, (v - cam.cy) / cam.fy);
 
@@ -173,6 +150,29 @@ bool solveRay(const Camera& cam, double u, double v, const Eigen::Vector2d& gues
 }
 
 }  // namespace
+
+cv::Matx33d cameraMatrix(const Camera& cam) {
+  return cv::Matx33d(cam.fx, 0.0, cam.cx, 0.0, cam.fy, cam.cy, 0.0, 0.0, 1.0);
+}
+
+cv::Mat distCoeffs(const Camera& cam) {
+  if (cam.coeffs.empty()) return cv::Mat::zeros(4, 1, CV_64F);
+  return cv::Mat(cam.coeffs, true);
+}
+
+Eigen::Vector2d projectPoint(const Camera& cam, const Eigen::Vector3d& p) {
+  const double x = p.x() / p.z(), y = p.y() / p.z();
+  Eigen::Vector2d d;
+  if (cam.model == LensModel::Radtan) {
+    d = radtanDistort(cam, x, y, nullptr);
+  } else {
+    const double r = std::hypot(x, y);
+    const double scale = r > 1e-15 ? equidistantAngle(cam, std::atan(r), nullptr) / r : 1.0;
+    d = Eigen::Vector2d(scale * x, scale * y);
+  }
+  return Eigen::Vector2d(cam.fx * d.x() + cam.cx, cam.fy * d.y() + cam.cy);
+}
+
 
 bool pixelRay(const Camera& cam, double u, double v, Eigen::Vector2d& xy) {
   return solveRay(cam, u, v, Eigen::Vector2d((u - cam.cx) / cam.fx, (v - cam.cy) / cam.fy), xy);

@@ -55,12 +55,12 @@ struct Rig {
 // T_ci_c0: maps left-camera points into camera `index` (composes the chain).
 Eigen::Isometry3d cameraFromLeft(const Rig& rig, int index);
 
-// Two radtan cameras (k1 ≈ −0.1, ~65° horizontal field), right camera 10 cm
+// Two radtan cameras (k1 ≈ −0.1, ~67° horizontal field), right camera 10 cm
 // to the right and turned by ~0.75°. Intrinsics scale with the size.
 Rig pinholeRig(int width = 1280, int height = 800);
 // Two equidistant cameras with a 110° horizontal field, 8 cm baseline, ~0.6° relative turn.
 Rig fisheyeRig(int width = 1280, int height = 800);
-// Colour camera with five radtan coefficients, ~70° horizontal field.
+// Colour camera with five radtan coefficients, ~73° horizontal field.
 Camera colourCamera(int width = 1920, int height = 1080);
 // Appends `cam` as the next camera of the chain, placed at T_cam_left from the
 // left camera (its T_cn_cnm1 is derived from that).
