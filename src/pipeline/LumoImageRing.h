@@ -76,6 +76,15 @@ class LumoRing {
     throw std::length_error("pop_front called on empty buffer");
   }
 
+  // The element `index` places after the oldest.
+  Slot* at(uint64_t index) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (index < count_) return &slots_[(tail_ + index) % capacity_];
+    }
+    throw std::out_of_range("Index is out of Range of buffer size");
+  }
+
   // The newest element for which pred(slot) holds, or null. Same caveat as
   // back(): the owner's lock keeps the slot from being overwritten meanwhile.
   template <typename Pred>

@@ -16,6 +16,8 @@
 #include <opencv2/imgproc.hpp>
 
 #include "api/ErrorLog.h"
+#include "pipeline/FrameRecords.h"
+#include "pipeline/PollSleep.h"
 
 namespace KorvLumetra {
 
@@ -24,48 +26,6 @@ namespace {
 constexpr float kFloatEpsilon = 1.1920929e-7f;
 constexpr int kSyncPolls = 2000;
 constexpr int kSyncPollsDebug = 200000;  // debug dumps are slow
-
-// Buffers are allocated without being touched, so that capacity never used
-// costs address space only, not resident memory.
-LumoImage* newImageRecord(std::size_t bytes) {
-  auto* record = new LumoImage{};
-  record->data = new uint8_t[bytes];
-  return record;
-}
-
-LumoDepthImage* newDepthRecord(std::size_t bytes) {
-  auto* record = new LumoDepthImage{};
-  record->data = new float[bytes / sizeof(float)];
-  return record;
-}
-
-template <typename Record>
-void deleteRecord(Record*& record) {
-  if (record != nullptr) delete[] record->data;
-  delete record;
-  record = nullptr;
-}
-
-void sleepNanos(long nanos) {
-  timespec request{0, nanos};
-  timespec remaining{};
-  while (nanosleep(&request, &remaining) == -1 && errno == EINTR) request = remaining;
-}
-
-// Copies every header field and `size` bytes of data, keeping dst's buffer.
-template <typename Dst, typename Src>
-void copyRecord(Dst* dst, const Src* src) {
-  dst->tag0 = src->tag0;
-  dst->tag1 = src->tag1;
-  dst->timestamp = src->timestamp;
-  dst->width = src->width;
-  dst->height = src->height;
-  dst->channels = src->channels;
-  dst->format = src->format;
-  dst->stride = src->stride;
-  dst->size = src->size;
-  std::memcpy(dst->data, src->data, src->size);
-}
 
 }  // namespace
 
@@ -112,6 +72,7 @@ StereoDepth::~StereoDepth() {
   }
   temporalFilter_.reset();
   spatialFilter_.reset();
+  alignImage_.reset();
   if (preprocessThread_.joinable()) preprocessThread_.join();
 
   stereoRing_.reset();
@@ -128,6 +89,7 @@ StereoDepth::~StereoDepth() {
   deleteRecord(colourInput_);
   deleteRecord(colourToDepth_);
   deleteRecord(depthToColour_);
+  std::free(rayTable_);
   std::free(pointBuffer_);
 }
 
@@ -146,7 +108,7 @@ int StereoDepth::setDepthAlignedInfo(int cameraIndex, bool direction, bool enabl
   alignedCamIndex_ = cameraIndex;
   alignDirection_ = direction;
   alignEnabled_.store(enabled);
-  alignInitialized_ = false;
+  alignInitialized_.store(false);
   return 0;
 }
 
@@ -373,7 +335,27 @@ void StereoDepth::updateResult() {
     ++depthResultCount_;
     resultLock.unlock();
 
-    resultLock.lock();
+    generatePointCloud();
+
+    if (alignEnabled_.load()) {
+      if (!alignInitialized_.load()) {
+        initAlignParam();
+        if (!alignInitialized_.load()) continue;
+      }
+      // Tolerances in the unit of the host's time stamps.
+      if (syncAlignImages(500000000, 1000000) == 0) continue;
+      resultLock.lock();
+      if (alignDirection_) {
+        if (alignImage_->alignDepthToOther(*depthToColour_, *depth_, *colourInput_) == 0) {
+          copyRecord(depth_, depthToColour_);
+          copyRecord(alignedColour_, colourInput_);
+        }
+      } else if (alignImage_->alignOtherToDepth(*colourToDepth_, *depth_, *colourInput_) == 0) {
+        copyRecord(alignedColour_, colourToDepth_);
+      }
+    } else {
+      resultLock.lock();
+    }
     restoreResultsSize();
     if (debugImage_ != 0) {
       const std::string stamp = formatTimestamp(depth_->timestamp);

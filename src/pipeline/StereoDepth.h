@@ -26,6 +26,7 @@
 #include <Eigen/StdVector>
 #include <opencv2/core.hpp>
 
+#include "align/AlignImage.h"
 #include "camera/LumoCam.h"
 #include "engine/StereoEngineBase.h"
 #include "filters/KesTemporalFilter.h"
@@ -86,12 +87,21 @@ class StereoDepth {
 
   // Auxiliary (colour) camera frames, queued for alignment with depth.
   int feedRGBImage(LumoImage* image);
+  // Builds the registration from the calibration once an engine exists.
+  int initAlignParam();
+  // Moves the queued frame matching the current depth into the colour input
+  // record: 1 when one was found, 0 otherwise.
+  int syncAlignImages(int auxTolerance, int stereoTolerance);
 
   // Point clouds and coordinates.
   int feedPose(LumoPose* pose);
   unsigned int getPointcloud(LumoMap* map, int maxPoints);
   // pixels: `count` (column, row) pairs of `depth`; coordinates: 3 floats each.
   unsigned int getCoordinates2Ext(const int* pixels, int count, const LumoDepthImage* depth, float* coordinates);
+  // Per-pixel rays of the depth image within the region of interest.
+  unsigned int initPointcloudLUT();
+  // The cloud of the current depth result (result thread).
+  void generatePointCloud();
 
   // Engines are normally created by the configuration step; exposed so the
   // pipeline can be driven with engines of the caller's choosing.
@@ -193,16 +203,19 @@ class StereoDepth {
   std::unique_ptr<KesTemporalFilter> temporalFilter_;
   std::unique_ptr<VorSpatialFilter> spatialFilter_;
 
-  // Point cloud (guarded by resultMutex_).
-  float* pointBuffer_ = nullptr;  // 3 floats per point, freed with free()
+  // Point cloud (the cloud itself guarded by resultMutex_).
+  float* rayTable_ = nullptr;     // 3 floats per depth pixel, freed with free()
+  float* pointBuffer_ = nullptr;  // 3 floats per point, room for one per pixel
+  uint64_t cloudPixelCount_ = 0;  // entries of both arrays
   int pointCount_ = 0;
   uint64_t cloudTimestamp_ = 0;
 
-  // Alignment settings.
+  // Alignment settings and state.
   int alignedCamIndex_ = -1;
   bool alignDirection_ = false;
   std::atomic<bool> alignEnabled_{false};
-  bool alignInitialized_ = false;
+  std::atomic<bool> alignInitialized_{false};
+  std::unique_ptr<AlignImage> alignImage_;  // used by the result thread only
 
   // Rings.
   std::mutex stereoRingMutex_;

@@ -1,10 +1,14 @@
 // StereoDepth: the auxiliary (colour) camera side of alignment.
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include <opencv2/imgproc.hpp>
 
 #include "api/ErrorLog.h"
+#include "pipeline/FrameRecords.h"
+#include "pipeline/PollSleep.h"
 #include "pipeline/StereoDepth.h"
 
 namespace KorvLumetra {
@@ -48,6 +52,121 @@ int StereoDepth::feedRGBImage(LumoImage* image) {
   slot->size = static_cast<uint32_t>(bytes);
   slot->format = channels == 1 ? 2 : 0;  // the codes the colour-to-depth alignment accepts
   std::memcpy(slot->data, frame.data, bytes);
+  return 0;
+}
+
+namespace {
+
+// Pipeline camera model to the camera model's distortion code.
+bool distortionCode(int camModel, uint8_t* code) {
+  switch (camModel) {
+    case kCamModelEquidistant:
+      *code = 1;
+      return true;
+    case kCamModelRadtan:
+      *code = 2;
+      return true;
+    case kCamModelCvBasic:
+      *code = 4;
+      return true;
+    case kCamModelNone:
+      *code = 0;
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+int StereoDepth::initAlignParam() {
+  float scale = 1.0f;
+  {
+    std::lock_guard<std::mutex> lock(engineMutex_);
+    if (engines_.empty() || engines_[0]->getImageScale(&scale) != 0) return 1;
+  }
+  const std::size_t other = static_cast<std::size_t>(alignedCamIndex_);
+  if (alignedCamIndex_ < 0 || other >= camKInputList_.size() || other >= inputSizes_.size() ||
+      other > camTList_.size() || rectR1_.empty()) {
+    return 1;
+  }
+
+  // The depth camera is the rectified left view: a pinhole without distortion.
+  LumoIntrinsics depthIntrinsics{};
+  const ImageSize depthInput = inputSizes_[stereoCamIndex_];
+  depthIntrinsics.width = static_cast<uint32_t>(std::round(static_cast<float>(depthInput.width) * scale));
+  depthIntrinsics.height = static_cast<uint32_t>(std::round(static_cast<float>(depthInput.height) * scale));
+  depthIntrinsics.fx = static_cast<float>(rectP1_.at<double>(0, 0) * scale);
+  depthIntrinsics.fy = static_cast<float>(rectP1_.at<double>(1, 1) * scale);
+  depthIntrinsics.cx = static_cast<float>(rectP1_.at<double>(0, 2) * scale);
+  depthIntrinsics.cy = static_cast<float>(rectP1_.at<double>(1, 2) * scale);
+
+  LumoIntrinsics otherIntrinsics{};
+  const cv::Mat& K = camKInputList_[other];
+  otherIntrinsics.width = static_cast<uint32_t>(inputSizes_[other].width);
+  otherIntrinsics.height = static_cast<uint32_t>(inputSizes_[other].height);
+  otherIntrinsics.fx = static_cast<float>(K.at<double>(0, 0));
+  otherIntrinsics.fy = static_cast<float>(K.at<double>(1, 1));
+  otherIntrinsics.cx = static_cast<float>(K.at<double>(0, 2));
+  otherIntrinsics.cy = static_cast<float>(K.at<double>(1, 2));
+  const cv::Mat& D = camDList_[other];
+  const int coefficients = static_cast<int>(D.total()) < 8 ? static_cast<int>(D.total()) : 8;
+  for (int j = 0; j < coefficients; ++j) otherIntrinsics.distortion_coeffs[j] = static_cast<float>(D.at<double>(j));
+  if (!distortionCode(camModels_[other], &otherIntrinsics.distortion_model)) {
+    logError("initAlignParam", "unknow cam model, exiting");
+    std::fflush(stdout);
+    std::exit(-1);
+  }
+
+  // Rectified depth frame -> left camera (R1 transposed) -> along the chain to the other camera.
+  Eigen::Matrix4d E = Eigen::Matrix4d::Identity();
+  for (int r = 0; r < 3; ++r) {
+    for (int c = 0; c < 3; ++c) E(r, c) = rectR1_.at<double>(c, r);
+  }
+  for (std::size_t i = 0; i < other; ++i) E = camTList_[i] * E;
+  LumoExtrinsics depthToOther{};
+  for (int r = 0; r < 3; ++r) {
+    for (int c = 0; c < 3; ++c) depthToOther.rotation[3 * r + c] = static_cast<float>(E(r, c));
+    depthToOther.translation[r] = static_cast<float>(E(r, 3));
+  }
+
+  alignImage_ = std::make_unique<AlignImage>();
+  alignImage_->setAlignInfo(depthIntrinsics, otherIntrinsics, depthToOther);
+  alignInitialized_.store(true);
+  return 0;
+}
+
+int StereoDepth::syncAlignImages(int auxTolerance, int stereoTolerance) {
+  const bool auxiliary = alignedCamIndex_ >= 2;
+  std::mutex& groupMutex = auxiliary ? colourRingMutex_ : stereoRingMutex_;
+  LumoUtils::LumoImageRing& ring = auxiliary ? *colourRing_ : *stereoRing_;
+  const int32_t tolerance = auxiliary ? auxTolerance : stereoTolerance;
+  // Written by this thread only, so read without the result mutex.
+  const uint64_t reference = depth_->timestamp;
+
+  while (running_.load() != 0) {
+    {
+      std::lock_guard<std::mutex> lock(groupMutex);
+      if (ring.size() == 0) return 0;
+      const LumoImage* front = ring.front();
+      // Compared on the low 32 bits as a signed difference.
+      const int32_t diff = static_cast<int32_t>(static_cast<uint32_t>(reference) -
+                                                static_cast<uint32_t>(front->timestamp));
+      if (diff > tolerance) {  // too old for this depth: dropped
+        ring.pop_front();
+        continue;
+      }
+      if (diff < -tolerance) return 0;  // newer: kept for a later depth
+      if (diff < tolerance && diff > -tolerance) {
+        copyRecord(colourInput_, front);
+        ring.pop_front();
+        return 1;
+      }
+    }
+    // Exactly one tolerance away matches none of the strict tests; the frame
+    // stays at the front. Wait without the lock, so feeds go on meanwhile.
+    sleepNanos(500000);
+  }
   return 0;
 }
 

@@ -1,11 +1,49 @@
 // StereoDepth: poses, point cloud hand-out and per-pixel coordinates.
 #include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <new>
+#include <string>
+#include <unordered_map>
 
 #include "api/ErrorLog.h"
 #include "pipeline/StereoDepth.h"
+#include "pipeline/TwoMillionVoxelHash.h"
 
 namespace KorvLumetra {
+
+namespace {
+
+constexpr int64_t kPoseTimeLimit = 50000000;  // in the unit of the host's time stamps
+
+// Rows or columns [begin, end) of the region of interest, in single precision
+// and truncated, clamped to the image for regions larger than it.
+void roiRange(int size, float roi, int* begin, int* end) {
+  *begin = static_cast<int>(static_cast<float>(size) * (1.0f - roi) * 0.5f);
+  *end = static_cast<int>(static_cast<float>(size) * (1.0f + roi) * 0.5f);
+  *begin = std::max(*begin, 0);
+  *end = std::min(*end, size);
+}
+
+// A floored quotient as a voxel index; values with no int32 (NaN points are
+// kept on purpose) take INT32_MIN, what the x86 conversion yields for them.
+int32_t voxelIndex(float quotient) {
+  const float floored = std::floor(quotient);
+  if (!(floored >= -2147483648.0f && floored < 2147483648.0f)) return INT32_MIN;
+  return static_cast<int32_t>(floored);
+}
+
+float* allocateFloats(std::size_t count) {
+  void* memory = std::malloc(count * sizeof(float));
+  if (memory == nullptr) throw std::bad_alloc();
+  return static_cast<float*>(memory);
+}
+
+}  // namespace
 
 int StereoDepth::feedPose(LumoPose* pose) {
   if (moduleEnabled_ == 0) {
@@ -82,6 +120,184 @@ unsigned int StereoDepth::getCoordinates2Ext(const int* pixels, int count, const
     }
   }
   return 0;
+}
+
+}  // namespace KorvLumetra
+
+namespace KorvLumetra {
+
+unsigned int StereoDepth::initPointcloudLUT() {
+  float scale = 1.0f;
+  {
+    std::lock_guard<std::mutex> lock(engineMutex_);
+    if (engines_.empty() || engines_[0]->getImageScale(&scale) != 0) return 1;
+  }
+  depthImageScale_ = scale;
+  const ImageSize working = scaledSizes_[stereoCamIndex_];
+  const int W = static_cast<int>(std::round(static_cast<float>(working.width) * scale));
+  const int H = static_cast<int>(std::round(static_cast<float>(working.height) * scale));
+  const uint64_t count = static_cast<uint64_t>(W > 0 ? W : 0) * static_cast<uint64_t>(H > 0 ? H : 0);
+  const float fx = static_cast<float>(rectP1_.at<double>(0, 0)) * scale;
+  const float fy = static_cast<float>(rectP1_.at<double>(1, 1)) * scale;
+  const float cx = static_cast<float>(rectP1_.at<double>(0, 2)) * scale;
+  const float cy = static_cast<float>(rectP1_.at<double>(1, 2)) * scale;
+
+  if (count != cloudPixelCount_) {
+    std::free(rayTable_);
+    std::free(pointBuffer_);
+    rayTable_ = nullptr;
+    pointBuffer_ = nullptr;
+    cloudPixelCount_ = 0;
+    rayTable_ = allocateFloats(count * 3);
+    pointBuffer_ = allocateFloats(count * 3);
+    cloudPixelCount_ = count;
+  }
+  std::memset(rayTable_, 0, count * 3 * sizeof(float));
+  std::memset(pointBuffer_, 0, count * 3 * sizeof(float));
+
+  int rowBegin, rowEnd, columnBegin, columnEnd;
+  roiRange(H, pointcloudROI_, &rowBegin, &rowEnd);
+  roiRange(W, pointcloudROI_, &columnBegin, &columnEnd);
+  // One reciprocal and one offset per axis, then one multiply and one add per
+  // ray, so that every ray is reproducible to the bit.
+  const float inverseFx = 1.0f / fx;
+  const float offsetX = -cx / fx;
+  const float inverseFy = 1.0f / fy;
+  const float offsetY = -cy / fy;
+  for (int v = rowBegin; v < rowEnd; ++v) {
+    for (int u = columnBegin; u < columnEnd; ++u) {
+      float* ray = rayTable_ + 3 * (static_cast<std::size_t>(v) * W + u);
+      ray[0] = static_cast<float>(u) * inverseFx + offsetX;
+      ray[1] = static_cast<float>(v) * inverseFy + offsetY;
+      ray[2] = 1.0f;
+    }
+  }
+  if (pointcloudType_ == 0) return 0;
+
+  // Into the unrectified left camera frame: by the transpose of R1.
+  float R[3][3];
+  for (int r = 0; r < 3; ++r) {
+    for (int c = 0; c < 3; ++c) R[r][c] = static_cast<float>(rectR1_.at<double>(r, c));
+  }
+  for (uint64_t i = 0; i < count; ++i) {
+    float* ray = rayTable_ + 3 * i;
+    const float x = ray[0], y = ray[1], z = ray[2];
+    ray[0] = R[0][0] * x + R[1][0] * y + R[2][0] * z;
+    ray[1] = R[0][1] * x + R[1][1] * y + R[2][1] * z;
+    ray[2] = R[0][2] * x + R[1][2] * y + R[2][2] * z;
+  }
+  return 0;
+}
+
+void StereoDepth::generatePointCloud() {
+  if (cloudPixelCount_ == 0) initPointcloudLUT();
+  // The depth record is written by this thread only; read without the lock.
+  const uint32_t W = depth_->width;
+  const uint32_t H = depth_->height;
+  if (W * H * 3u != static_cast<uint32_t>(cloudPixelCount_ * 3)) {
+    logError("generatePointCloud", "pointcloud LUT size mismatch");
+    return;
+  }
+
+  std::lock_guard<std::mutex> lock(resultMutex_);
+  pointCount_ = 0;
+  cloudTimestamp_ = depth_->timestamp;
+  int rowBegin, rowEnd, columnBegin, columnEnd;
+  roiRange(static_cast<int>(H), pointcloudROI_, &rowBegin, &rowEnd);
+  roiRange(static_cast<int>(W), pointcloudROI_, &columnBegin, &columnEnd);
+  // The sampling grid is anchored at the image origin, not at the region.
+  const int step = skipPoint_ + 1 > 0 ? skipPoint_ + 1 : 1;
+  const float* depth = depth_->data;
+  float* out = pointBuffer_;
+  for (int row = rowBegin; row < rowEnd; ++row) {
+    if (row % step != 0) continue;
+    for (int column = columnBegin; column < columnEnd; ++column) {
+      if (column % step != 0) continue;
+      const std::size_t index = static_cast<std::size_t>(row) * W + column;
+      const float d = depth[index];
+      // NaN passes both tests and is kept on purpose.
+      if (d > farthestDist_ || d < cloestDist_) continue;
+      const float* ray = rayTable_ + 3 * index;
+      out[0] = ray[0] * d;
+      out[1] = ray[1] * d;
+      out[2] = d * ray[2];
+      out += 3;
+      ++pointCount_;
+    }
+  }
+
+  if (pointcloudType_ == 2) {
+    std::lock_guard<std::mutex> poseLock(poseMutex_);
+    const uint64_t stored = poseRing_->size();
+    const LumoPose* nearest = nullptr;
+    int64_t nearestGap = 0;
+    for (uint64_t i = 0; i < stored; ++i) {
+      const LumoPose* pose = poseRing_->at(i);
+      const int64_t gap = std::llabs(static_cast<int64_t>(pose->timestamp - cloudTimestamp_));
+      if (gap < kPoseTimeLimit && (nearest == nullptr || gap < nearestGap)) {
+        nearest = pose;
+        nearestGap = gap;
+      }
+    }
+    if (nearest == nullptr) {
+      pointCount_ = 0;  // no pose near enough in time: no cloud for this frame
+      return;
+    }
+    const double w = nearest->orientation[0], x = nearest->orientation[1];
+    const double y = nearest->orientation[2], z = nearest->orientation[3];
+    const float R[3][3] = {
+        {static_cast<float>(1 - 2 * (y * y + z * z)), static_cast<float>(2 * (x * y - w * z)),
+         static_cast<float>(2 * (x * z + w * y))},
+        {static_cast<float>(2 * (x * y + w * z)), static_cast<float>(1 - 2 * (x * x + z * z)),
+         static_cast<float>(2 * (y * z - w * x))},
+        {static_cast<float>(2 * (x * z - w * y)), static_cast<float>(2 * (y * z + w * x)),
+         static_cast<float>(1 - 2 * (x * x + y * y))}};
+    const float t[3] = {static_cast<float>(nearest->position[0]), static_cast<float>(nearest->position[1]),
+                        static_cast<float>(nearest->position[2])};
+    for (int i = 0; i < pointCount_; ++i) {
+      float* p = pointBuffer_ + 3 * static_cast<std::size_t>(i);
+      const float px = p[0], py = p[1], pz = p[2];
+      for (int r = 0; r < 3; ++r) p[r] = R[r][0] * px + R[r][1] * py + R[r][2] * pz + t[r];
+    }
+  }
+
+  if (enableVoxel_) {
+    std::unordered_map<VoxelKey, VoxelData, TwoMillionVoxelHash> voxels;
+    voxels.max_load_factor(1.0f);
+    for (int i = 0; i < pointCount_; ++i) {
+      const float* p = pointBuffer_ + 3 * static_cast<std::size_t>(i);
+      const VoxelKey key{voxelIndex(p[0] / voxelSize_), voxelIndex(p[1] / voxelSize_),
+                         voxelIndex(p[2] / voxelSize_)};
+      ++voxels[key].count;
+    }
+    // The centre of each kept cell, not the mean of its points.
+    float* centre = pointBuffer_;
+    int kept = 0;
+    for (const auto& voxel : voxels) {
+      if (static_cast<float>(voxel.second.count) < minPoints_) continue;
+      centre[0] = (static_cast<float>(voxel.first.ix) + 0.5f) * voxelSize_;
+      centre[1] = (static_cast<float>(voxel.first.iy) + 0.5f) * voxelSize_;
+      centre[2] = (static_cast<float>(voxel.first.iz) + 0.5f) * voxelSize_;
+      centre += 3;
+      ++kept;
+    }
+    pointCount_ = kept;
+  }
+
+  if (debugImage_ != 0) {
+    const std::string path = debugImgSavePath_ + "/debug_pointcloud_" + formatTimestamp(cloudTimestamp_) + ".pcd";
+    FILE* file = std::fopen(path.c_str(), "w");
+    if (file == nullptr) return;
+    const unsigned int points = static_cast<unsigned int>(pointCount_);
+    std::fprintf(file, "# .PCD v0.7 - Point Cloud Data file format\n");
+    std::fprintf(file, "VERSION 0.7\nFIELDS x y z\nSIZE 4 4 4\nTYPE F F F\nCOUNT 1 1 1\n");
+    std::fprintf(file, "WIDTH %u\nHEIGHT 1\nVIEWPOINT 0 0 0 1 0 0 0\nPOINTS %u\nDATA ascii\n", points, points);
+    for (int i = 0; i < pointCount_; ++i) {
+      const float* p = pointBuffer_ + 3 * static_cast<std::size_t>(i);
+      std::fprintf(file, "%f %f %f\n", p[0], p[1], p[2]);
+    }
+    std::fclose(file);
+  }
 }
 
 }  // namespace KorvLumetra

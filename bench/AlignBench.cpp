@@ -1,0 +1,86 @@
+// Depth/colour registration at pipeline size: 640x400 depth, 1920x1080 colour.
+// Arguments: colocated (1: table-driven fast mode, 0: full projection with a
+// translation), threaded (1: rows spread over threads, 0: plain loop).
+#include <benchmark/benchmark.h>
+
+#include <vector>
+
+#include "BenchRatios.h"
+#include "align/AlignImage.h"
+#include "align/AlignRigs.h"
+
+namespace KorvLumetra {
+
+// The benchmark's way to the plain single-threaded loops.
+class AlignImagePeer {
+ public:
+  static void setThreaded(AlignImage& align, bool threaded) { align.parallel_ = threaded; }
+};
+
+}  // namespace KorvLumetra
+
+namespace {
+
+using KorvLumetra::AlignImage;
+
+struct Setup {
+  LumoTest::AlignRig rig;
+  AlignImage align;
+  std::vector<float> depthPx;
+  std::vector<uint8_t> colourPx;
+  LumoDepthImage depth;
+  LumoImage colour;
+
+  explicit Setup(const benchmark::State& state) : rig(LumoTest::benchRig(state.range(0) != 0)) {
+    KorvLumetra::AlignImagePeer::setThreaded(align, state.range(1) != 0);
+    align.setAlignInfo(rig.depth, rig.other, rig.depthToOther);
+    depthPx = LumoTest::randomDepth(rig.depth.width, rig.depth.height, 7);
+    colourPx = LumoTest::randomBytes(static_cast<size_t>(rig.other.width) * rig.other.height * 3, 8);
+    depth = LumoTest::wrapDepth(depthPx, rig.depth.width, rig.depth.height, 1);
+    colour = LumoTest::wrapImage(colourPx, rig.other.width, rig.other.height, 3, 0);
+  }
+};
+
+void BM_AlignDepthToColour(benchmark::State& state) {
+  Setup s(state);
+  std::vector<float> outPx(static_cast<size_t>(s.rig.other.width) * s.rig.other.height);
+  LumoDepthImage out = LumoTest::wrapDepth(outPx, s.rig.other.width, s.rig.other.height);
+  for (auto _ : state) {
+    s.align.alignDepthToOther(out, s.depth, s.colour);
+    benchmark::DoNotOptimize(outPx.data());
+  }
+}
+BENCHMARK(BM_AlignDepthToColour)
+    ->Args({0, 0})->Args({0, 1})->Args({1, 0})->Args({1, 1})
+    ->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_AlignColourToDepth(benchmark::State& state) {
+  Setup s(state);
+  std::vector<uint8_t> outPx(static_cast<size_t>(s.rig.depth.width) * s.rig.depth.height * 3);
+  LumoImage out = LumoTest::wrapImage(outPx, s.rig.depth.width, s.rig.depth.height, 3, 0);
+  for (auto _ : state) {
+    s.align.alignOtherToDepth(out, s.depth, s.colour);
+    benchmark::DoNotOptimize(outPx.data());
+  }
+}
+BENCHMARK(BM_AlignColourToDepth)
+    ->Args({0, 0})->Args({0, 1})->Args({1, 0})->Args({1, 1})
+    ->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The fast-mode table is built once per setAlignInfo, on the result thread.
+void BM_AlignSetupColocated(benchmark::State& state) {
+  const LumoTest::AlignRig rig = LumoTest::benchRig(true);
+  AlignImage align;
+  KorvLumetra::AlignImagePeer::setThreaded(align, state.range(0) != 0);
+  for (auto _ : state) align.setAlignInfo(rig.depth, rig.other, rig.depthToOther);
+}
+BENCHMARK(BM_AlignSetupColocated)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+LUMO_RATIO("depth->colour full / bare SGBM", "BM_AlignDepthToColour/0/1/real_time", "BM_BareSGBM/640/400/real_time");
+LUMO_RATIO("depth->colour fast / bare SGBM", "BM_AlignDepthToColour/1/1/real_time", "BM_BareSGBM/640/400/real_time");
+LUMO_RATIO("colour->depth offset / bare SGBM", "BM_AlignColourToDepth/0/1/real_time", "BM_BareSGBM/640/400/real_time");
+LUMO_RATIO("colour->depth colocated / bare SGBM", "BM_AlignColourToDepth/1/1/real_time", "BM_BareSGBM/640/400/real_time");
+LUMO_RATIO("depth->colour full, threaded / plain", "BM_AlignDepthToColour/0/1/real_time", "BM_AlignDepthToColour/0/0/real_time");
+LUMO_RATIO("colour->depth offset, threaded / plain", "BM_AlignColourToDepth/0/1/real_time", "BM_AlignColourToDepth/0/0/real_time");
+
+}  // namespace

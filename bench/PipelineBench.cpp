@@ -1,0 +1,171 @@
+// The whole pipeline through the exported functions against the bare engine
+// compute on the same frames, synchronous latency and asynchronous throughput.
+#include <benchmark/benchmark.h>
+
+#include <array>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <opencv2/imgproc.hpp>
+
+#include "BenchRatios.h"
+#include "engine/StereoCVEngine.h"
+#include "lumetra_depth.h"
+#include "support/HostConfig.h"
+#include "support/TempDir.h"
+#include "synth/SyntheticStereo.h"
+
+namespace {
+
+// A rendered grey frame and a configuration per input size, made once.
+struct Fixture {
+  LumoTest::TempDir dir;
+  cv::Mat grey;
+};
+
+const Fixture& fixture(int width, int height) {
+  static std::map<std::pair<int, int>, std::unique_ptr<Fixture>> cache;
+  auto& slot = cache[{width, height}];
+  if (!slot) {
+    slot = std::make_unique<Fixture>();
+    const LumoSynth::Rig rig = LumoSynth::pinholeRig(width, height);
+    LumoSynth::writeCalibrationYaml(slot->dir.file("calib.yaml"), rig);
+    const cv::Mat stacked = LumoSynth::renderStereo(LumoSynth::makeRenderer(rig, 1), LumoSynth::defaultScene(), 0);
+    cv::cvtColor(stacked, slot->grey, cv::COLOR_BGR2GRAY);
+  }
+  return *slot;
+}
+
+void* createHandle(const Fixture& f, int width, int height, double scale, int async, int threads) {
+  const std::string path = f.dir.file("config_" + std::to_string(async) + "_" + std::to_string(threads) + "_" +
+                                      std::to_string(static_cast<int>(scale * 100)) + ".yaml");
+  LumoTest::HostConfig()
+      .set("calib_path", f.dir.file("calib.yaml"))
+      .set("input_stereo_width", std::to_string(width))
+      .set("input_stereo_height", std::to_string(height))
+      .set("stereo_img_scaling", std::to_string(scale))
+      .set("async_mode", std::to_string(async))
+      .set("thread_num", std::to_string(threads))
+      .write(path);
+  void* handle = nullptr;
+  KORV_LUMO_D_CreateHandleWithConfig(&handle, path.c_str());
+  return handle;
+}
+
+LumoImage frameOf(const cv::Mat& grey, uint64_t timestamp) {
+  LumoImage frame{};
+  frame.timestamp = timestamp;
+  frame.width = static_cast<uint32_t>(grey.cols);
+  frame.height = static_cast<uint32_t>(grey.rows);
+  frame.channels = 1;
+  frame.stride = frame.width;
+  frame.size = frame.width * frame.height;
+  frame.data = grey.data;
+  return frame;
+}
+
+// Feed one frame synchronously and read its depth back.
+void BM_PipelineSync(benchmark::State& state) {
+  const int width = static_cast<int>(state.range(0)), height = static_cast<int>(state.range(1));
+  const double scale = state.range(2) / 100.0;
+  const Fixture& f = fixture(width, height);
+  void* handle = createHandle(f, width, height, scale, 0, 1);
+  std::vector<float> depth(static_cast<size_t>(width) * height);
+  LumoDepthImage record{};
+  record.data = depth.data();
+  uint64_t timestamp = 0;
+  for (auto _ : state) {
+    LumoImage frame = frameOf(f.grey, ++timestamp);
+    if (KORV_LUMO_D_FeedStereoImage(handle, &frame) != 0) state.SkipWithError("synchronous feed timed out");
+    KORV_LUMO_D_GetDepthImage(handle, &record, nullptr, nullptr);
+  }
+  KORV_LUMO_D_DestroyHandle(handle);
+}
+BENCHMARK(BM_PipelineSync)->Args({640, 400, 100})->Args({1280, 800, 50})->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The engine alone at the working size, on the same (scaled) frame.
+void BM_EngineCompute(benchmark::State& state) {
+  const int width = static_cast<int>(state.range(0)), height = static_cast<int>(state.range(1));
+  const double scale = state.range(2) / 100.0;
+  const int working = static_cast<int>(width * scale), workingHeight = static_cast<int>(height * scale);
+  cv::Mat stacked;
+  cv::resize(fixture(width, height).grey, stacked, cv::Size(working, 2 * workingHeight), 0, 0, cv::INTER_LINEAR);
+  cv::cvtColor(stacked, stacked, cv::COLOR_GRAY2BGR);
+  KorvLumetra::StereoCVEngine engine(working, workingHeight, 3, 0.1f, 400.0f, 1.0f, 0, "", false);
+  std::vector<float> depth(static_cast<size_t>(working) * workingHeight), disparity(depth.size());
+  std::array<int, 4> shape{};
+  unsigned long long timestamp = 0;
+  uint64_t frame = 0;
+  for (auto _ : state) {
+    LumoImage image{};
+    image.timestamp = ++frame;
+    image.width = static_cast<uint32_t>(working);
+    image.height = static_cast<uint32_t>(2 * workingHeight);
+    image.channels = 3;
+    image.stride = image.width * 3;
+    image.size = image.stride * image.height;
+    image.data = stacked.data;
+    engine.feedImage(&image);
+    while (!engine.isResultReady()) std::this_thread::sleep_for(std::chrono::microseconds(50));
+    engine.getResult(depth.data(), disparity.data(), shape, timestamp);
+  }
+}
+BENCHMARK(BM_EngineCompute)->Args({640, 400, 100})->Args({1280, 800, 50})->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Asynchronous: keeps one frame in flight per engine and counts results.
+void BM_PipelineAsync(benchmark::State& state) {
+  const int width = static_cast<int>(state.range(0)), height = static_cast<int>(state.range(1));
+  const double scale = state.range(2) / 100.0;
+  const int threads = static_cast<int>(state.range(3));
+  const Fixture& f = fixture(width, height);
+  void* handle = createHandle(f, width, height, scale, 1, threads);
+  std::vector<float> depth(static_cast<size_t>(width) * height);
+  LumoDepthImage record{};
+  record.data = depth.data();
+  uint64_t fed = 0, lastResult = 0;
+  for (int i = 0; i < threads; ++i) {
+    LumoImage frame = frameOf(f.grey, ++fed);
+    KORV_LUMO_D_FeedStereoImage(handle, &frame);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  for (auto _ : state) {
+    // One iteration per new result; a new frame replaces each one collected.
+    for (;;) {
+      if (KORV_LUMO_D_GetDepthImage(handle, &record, nullptr, nullptr) == 0 && record.timestamp != lastResult) {
+        lastResult = record.timestamp;
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    LumoImage frame = frameOf(f.grey, ++fed);
+    KORV_LUMO_D_FeedStereoImage(handle, &frame);
+  }
+  state.counters["fps"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  KORV_LUMO_D_DestroyHandle(handle);
+}
+BENCHMARK(BM_PipelineAsync)
+    ->Args({640, 400, 100, 1})
+    ->Args({640, 400, 100, 2})
+    ->Args({1280, 800, 50, 1})
+    ->Args({1280, 800, 50, 2})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+LUMO_RATIO("sync pipeline / engine, 640x400 at 1.0", "BM_PipelineSync/640/400/100/real_time",
+           "BM_EngineCompute/640/400/100/real_time");
+LUMO_RATIO("sync pipeline / engine, 1280x800 at 0.5", "BM_PipelineSync/1280/800/50/real_time",
+           "BM_EngineCompute/1280/800/50/real_time");
+LUMO_RATIO("async 1 engine period / engine, 640x400", "BM_PipelineAsync/640/400/100/1/real_time",
+           "BM_EngineCompute/640/400/100/real_time");
+LUMO_RATIO("async 2 engines period / engine, 640x400", "BM_PipelineAsync/640/400/100/2/real_time",
+           "BM_EngineCompute/640/400/100/real_time");
+LUMO_RATIO("async 1 engine period / engine, 1280x800 at 0.5", "BM_PipelineAsync/1280/800/50/1/real_time",
+           "BM_EngineCompute/1280/800/50/real_time");
+LUMO_RATIO("async 2 engines period / engine, 1280x800 at 0.5", "BM_PipelineAsync/1280/800/50/2/real_time",
+           "BM_EngineCompute/1280/800/50/real_time");
+
+}  // namespace

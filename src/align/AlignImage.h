@@ -1,0 +1,58 @@
+// Registration of a depth image with a second (colour) camera, both ways:
+// depth resampled into the other camera's grid, and the other camera's pixels
+// resampled into the depth grid. Co-located cameras (no translation) take a
+// precomputed table instead of per-pixel projection.
+//
+// The depth grid is the depth camera's (its intrinsics' width x height); depth
+// images handed in must be laid out on that grid.
+//
+// Not thread-safe: one owner calls setAlignInfo and then the align operations.
+// The operations spread their rows over OpenCV's worker threads internally;
+// the results do not depend on the number of threads.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "camera/LumoCam.h"
+#include "lumetra_depth.h"
+
+namespace KorvLumetra {
+
+class AlignImage {
+ public:
+  AlignImage();
+  ~AlignImage();
+  AlignImage(const AlignImage&) = delete;
+  AlignImage& operator=(const AlignImage&) = delete;
+
+  // Replaces both cameras and the depth-to-other transform; a translation of
+  // (squared) length below 1e-10 selects the table-driven fast mode.
+  void setAlignInfo(const LumoIntrinsics& depthIntrinsics, const LumoIntrinsics& otherIntrinsics,
+                    const LumoExtrinsics& depthToOther);
+  void generateFastAlignLUT();
+
+  // Depth in the other camera's grid; `out` must hold other width x height
+  // floats. Always 0 (also before setAlignInfo, when nothing is written).
+  int alignDepthToOther(LumoDepthImage& out, const LumoDepthImage& depth, const LumoImage& other);
+  // The other camera's pixels in the depth grid; `out` must hold depth width x
+  // height pixels of `other`'s size. 1 for an unsupported pixel format, or
+  // before setAlignInfo.
+  int alignOtherToDepth(LumoImage& out, const LumoDepthImage& depth, const LumoImage& other);
+
+  bool fastMode() const { return fastMode_; }
+
+ private:
+  friend class AlignImagePeer;  // tests compare the threaded and the plain loops
+
+  std::unique_ptr<LumoCam> depthCam_;
+  std::unique_ptr<LumoCam> otherCam_;
+  LumoExtrinsics depthToOther_{};
+  bool fastMode_ = false;
+  std::vector<uint32_t> lookupPixels_;  // (depth column, depth row) per other-camera pixel
+  std::vector<float> lookupFactors_;    // one per other-camera pixel
+  bool parallel_ = true;                // false: every loop runs on the calling thread, in order
+};
+
+}  // namespace KorvLumetra
