@@ -46,6 +46,14 @@ class AlignImage {
  private:
   friend class AlignImagePeer;  // tests compare the threaded and the plain loops
 
+  struct Footprint {
+    int x0, y0, x1, y1;  // inclusive rectangle of the other camera; x0 = -1 when rejected
+  };
+
+  void prepareCornerRays();
+  bool cornerFootprint(int u, int v, float z, Footprint* f) const;
+  void zBufferThreaded(const float* depth, float* out);
+
   std::unique_ptr<LumoCam> depthCam_;
   std::unique_ptr<LumoCam> otherCam_;
   LumoExtrinsics depthToOther_{};
@@ -53,6 +61,15 @@ class AlignImage {
   std::vector<uint32_t> lookupPixels_;  // (depth column, depth row) per other-camera pixel
   std::vector<float> lookupFactors_;    // one per other-camera pixel
   bool parallel_ = true;                // false: every loop runs on the calling thread, in order
+
+  // Depth camera's unit-depth ray (x, y) through each pixel corner, the
+  // (width + 1) x (height + 1) points (u - 0.5, v - 0.5): the deprojection at
+  // depth z is (x z, y z, z), so the rays are reused for every frame.
+  std::vector<float> cornerRays_;
+  // Scratch of the threaded z-buffer: each depth pixel's footprint, and per
+  // depth row the range of other-camera rows its footprints cover.
+  std::vector<Footprint> footprints_;
+  std::vector<int> rowSpans_;  // (first, last) per depth row; first > last when none
 };
 
 }  // namespace KorvLumetra

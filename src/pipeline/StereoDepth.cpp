@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <array>
+#include <chrono>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -185,16 +186,16 @@ int StereoDepth::feedStereoImage(LumoImage* frame) {
 
   if (asyncMode_ != 0) return 0;
 
+  // Up to 2000 (debug: 200000) waits of 1 ms; the result thread wakes us as
+  // soon as an output is ready instead of us polling for it.
   const int budget = debugImage_ != 0 ? kSyncPollsDebug : kSyncPolls;
-  for (int poll = 0; poll < budget; ++poll) {
-    if (depthOfFrameReady(frame->timestamp)) return 0;
-    sleepNanos(1000000);
-  }
-  return 1;
+  const uint64_t timestamp = frame->timestamp;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(budget);
+  std::unique_lock<std::mutex> lock(resultMutex_);
+  return resultCondition_.wait_until(lock, deadline, [&] { return depthOfFrameReady(timestamp); }) ? 0 : 1;
 }
 
 bool StereoDepth::depthOfFrameReady(uint64_t timestamp) {
-  std::lock_guard<std::mutex> lock(resultMutex_);
   if (alignEnabled_.load()) {
     return depthToColour_->timestamp == timestamp || colourToDepth_->timestamp == timestamp;
   }
@@ -373,6 +374,8 @@ void StereoDepth::updateResult() {
                              CV_32F, depthOutput_->data);
       }
     }
+    resultLock.unlock();
+    resultCondition_.notify_all();
   }
 }
 

@@ -115,7 +115,7 @@ class StereoDepth {
   void updateResult();
   void restoreResultsSize();
   void carryFrameTags(LumoDepthImage* result);
-  bool depthOfFrameReady(uint64_t timestamp);
+  bool depthOfFrameReady(uint64_t timestamp);  // with resultMutex_ held
   void appendCamera(const cv::Mat& D, const cv::Mat& kInput, int camIndex, int model);
   void recreateEngines();
 
@@ -191,6 +191,7 @@ class StereoDepth {
 
   // Results.
   std::mutex resultMutex_;
+  std::condition_variable resultCondition_;  // a new output is ready (synchronous feeds wait)
   LumoDepthImage* depth_ = nullptr;
   LumoDepthImage* disparity_ = nullptr;
   LumoDepthImage* depthOutput_ = nullptr;
