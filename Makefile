@@ -4,7 +4,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test test-asan test-tsan bench clean
+.PHONY: all deps configure build test test-asan test-tsan bench demo clean
 
 all: build
 
@@ -29,6 +29,23 @@ test-tsan: deps
 
 bench: build
 	$(BUILD_DIR)/bench/lumo_bench
+
+# The demo: render a sample sequence once (moving camera, pinhole rig, with
+# ground truth), compute its depth with the command-line program, and check
+# the accuracy against the ground truth.
+TOOL = $(BUILD_DIR)/tools/lumetra-depth/lumetra-depth
+SAMPLE ?= sample
+DEMO_OUT ?= demo-out
+
+demo: configure
+	cmake --build $(BUILD_DIR) --target lumetra-depth -j$(JOBS)
+	@test -f $(SAMPLE)/config.yaml || $(TOOL) synth --out $(SAMPLE) --frames 24 --width 640 --height 400 --moving
+	rm -rf $(DEMO_OUT)
+	$(TOOL) run $(SAMPLE)/config.yaml $(SAMPLE) --out $(DEMO_OUT) --cloud-every 8
+	$(TOOL) eval $(DEMO_OUT) $(SAMPLE) --require-median 2
+	@echo "Pictures in $(DEMO_OUT)/: depth_colour_*.png (depth with its range), rectified_*.png"
+	@echo "(rectified pair with guide lines), error_heatmap.png; depth_*.png is 16-bit millimetres,"
+	@echo "cloud_*.ply and cloud_*.pcd are point clouds. The input frames are in $(SAMPLE)/."
 
 clean:
 	rm -rf build build-asan build-tsan

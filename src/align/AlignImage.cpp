@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstddef>
 #include <cstring>
 
 #include <opencv2/core.hpp>
@@ -14,6 +13,9 @@ namespace {
 // Squared translation below which the cameras count as co-located.
 constexpr double kFastModeThreshold = 1e-10;
 
+// Depth pixels handled per batch by the threaded footprint pass.
+constexpr int kChunk = 64;
+
 // Truncation of c + 0.5 toward zero (not a floor: -1.2 lands on 0 and counts
 // as inside). NaN and values beyond int give INT_MIN, which every bounds test
 // below rejects, as the x86 conversion would.
@@ -23,16 +25,16 @@ inline int roundPixel(float c) {
   return static_cast<int>(shifted);
 }
 
-struct Footprint {
-  int x0, y0, x1, y1;
-};
+// A footprint is dropped whole when it sticks out on any side, never clipped.
+inline bool accepted(int x0, int y0, int x1, int y1, int otherWidth, int otherHeight) {
+  return x0 >= 0 && y0 >= 0 && x1 < otherWidth && y1 < otherHeight && x0 <= x1 && y0 <= y1;
+}
 
 // Rectangle of the other camera covered by depth pixel (u, v) at depth z: its
-// top-left and bottom-right corners taken through both cameras. False when it
-// sticks out on any side; such a footprint is dropped whole, never clipped.
+// top-left and bottom-right corners taken through both cameras, one camera
+// call after the other. The plain path; the threaded one batches the same calls.
 inline bool footprintOf(const LumoCam& depthCam, const LumoCam& otherCam, const LumoExtrinsics& depthToOther,
-                        int otherWidth, int otherHeight, int u, int v, float z, Footprint* f) {
-  int corner[2][2];
+                        int u, int v, float z, int f[4]) {
   for (int k = 0; k < 2; ++k) {
     const float offset = k == 0 ? -0.5f : 0.5f;
     const float pixel[2] = {static_cast<float>(u) + offset, static_cast<float>(v) + offset};
@@ -40,70 +42,26 @@ inline bool footprintOf(const LumoCam& depthCam, const LumoCam& otherCam, const 
     depthCam.deprojectPixel2Point(inDepth, pixel, z);
     LumoCam::TransformPoint2Point(inOther, &depthToOther, inDepth);
     otherCam.projectPoint2Pixel(projected, inOther);
-    corner[k][0] = roundPixel(projected[0]);
-    corner[k][1] = roundPixel(projected[1]);
+    f[2 * k] = roundPixel(projected[0]);
+    f[2 * k + 1] = roundPixel(projected[1]);
   }
-  f->x0 = corner[0][0];
-  f->y0 = corner[0][1];
-  f->x1 = corner[1][0];
-  f->y1 = corner[1][1];
-  return f->x0 >= 0 && f->y0 >= 0 && f->x1 < otherWidth && f->y1 < otherHeight && f->x0 <= f->x1 &&
-         f->y0 <= f->y1;
+  return accepted(f[0], f[1], f[2], f[3], static_cast<int>(otherCam.intrinsics.width),
+                  static_cast<int>(otherCam.intrinsics.height));
 }
 
 // The z-buffer rule: a cell holding 0 takes z, any other keeps the nearer of
 // the two. z is never 0 here, so after its first write a cell only ever takes
-// the minimum, and the final value is the same whatever order the writes came in.
+// the minimum: the final value does not depend on the order of the writes.
 inline float nearer(float stored, float z) { return stored == 0.0f ? z : std::min(z, stored); }
 
-// The same rule for a cell that other threads may write at the same time.
-inline void keepNearerShared(float* cell, float z) {
-  float stored;
-  __atomic_load(cell, &stored, __ATOMIC_RELAXED);
-  for (;;) {
-    float wanted = nearer(stored, z);
-    if (std::memcmp(&wanted, &stored, sizeof(float)) == 0) return;
-    if (__atomic_compare_exchange(cell, &stored, &wanted, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) return;
-  }
-}
-
-// Runs body over [0, rows) in row stripes on OpenCV's threads, or in one piece
-// on this thread.
+// Runs body over [0, rows) in stripes on OpenCV's threads, or in one piece on
+// this thread.
 template <typename Body>
-void forRows(bool parallel, int rows, const Body& body) {
+void forRows(bool parallel, int rows, const Body& body, double stripes = -1.0) {
   if (parallel) {
-    cv::parallel_for_(cv::Range(0, rows), body);
+    cv::parallel_for_(cv::Range(0, rows), body, stripes);
   } else {
     body(cv::Range(0, rows));
-  }
-}
-
-template <bool kShared>
-void zBufferRows(const cv::Range& rows, const LumoCam& depthCam, const LumoCam& otherCam,
-                 const LumoExtrinsics& depthToOther, const float* depth, float* out) {
-  const int depthWidth = static_cast<int>(depthCam.intrinsics.width);
-  const int otherWidth = static_cast<int>(otherCam.intrinsics.width);
-  const int otherHeight = static_cast<int>(otherCam.intrinsics.height);
-  for (int v = rows.start; v < rows.end; ++v) {
-    const float* depthRow = depth + static_cast<std::size_t>(v) * depthWidth;
-    for (int u = 0; u < depthWidth; ++u) {
-      const float z = depthRow[u];
-      Footprint f;
-      if (z == 0.0f ||
-          !footprintOf(depthCam, otherCam, depthToOther, otherWidth, otherHeight, u, v, z, &f)) {
-        continue;
-      }
-      for (int y = f.y0; y <= f.y1; ++y) {
-        float* outRow = out + static_cast<std::size_t>(y) * otherWidth;
-        for (int x = f.x0; x <= f.x1; ++x) {
-          if (kShared) {
-            keepNearerShared(&outRow[x], z);
-          } else {
-            outRow[x] = nearer(outRow[x], z);
-          }
-        }
-      }
-    }
   }
 }
 
@@ -125,6 +83,10 @@ void AlignImage::setAlignInfo(const LumoIntrinsics& depthIntrinsics, const LumoI
   } else {
     fastMode_ = false;
   }
+  prepareCornerRays();
+  const std::size_t depthPixels = static_cast<std::size_t>(depthIntrinsics.width) * depthIntrinsics.height;
+  footprints_.assign(fastMode_ ? 0 : depthPixels, Footprint{});
+  rowSpans_.assign(fastMode_ ? 0 : 2 * static_cast<std::size_t>(depthIntrinsics.height), 0);
 }
 
 // Without translation the depth pixel seen by an other-camera pixel does not
@@ -180,21 +142,141 @@ void AlignImage::generateFastAlignLUT() {
   });
 }
 
+void AlignImage::prepareCornerRays() {
+  const int cornersX = static_cast<int>(depthCam_->intrinsics.width) + 1;
+  const int cornersY = static_cast<int>(depthCam_->intrinsics.height) + 1;
+  cornerRays_.resize(2 * static_cast<std::size_t>(cornersX) * cornersY);
+  const LumoCam& depthCam = *depthCam_;
+  float* rays = cornerRays_.data();
+  forRows(parallel_, cornersY, [&](const cv::Range& rows) {
+    for (int v = rows.start; v < rows.end; ++v) {
+      for (int u = 0; u < cornersX; ++u) {
+        const float pixel[2] = {static_cast<float>(u) - 0.5f, static_cast<float>(v) - 0.5f};
+        float point[3];
+        depthCam.deprojectPixel2Point(point, pixel, 1.0f);
+        float* ray = rays + 2 * (static_cast<std::size_t>(v) * cornersX + u);
+        ray[0] = point[0];
+        ray[1] = point[1];
+      }
+    }
+  });
+}
+
+// Footprints of depth pixels [begin, end) of row v (at most kChunk) into
+// f[0 .. end - begin), x0 = -1 where there is no depth or the footprint is
+// rejected. The same camera calls as footprintOf, with the deprojection taken
+// from the corner rays, and the pixels with depth first gathered so that the
+// projections run back to back without a hard-to-predict branch between them.
+void AlignImage::chunkFootprints(int v, int begin, int end, const float* depthRow, Footprint* f) const {
+  const int otherWidth = static_cast<int>(otherCam_->intrinsics.width);
+  const int otherHeight = static_cast<int>(otherCam_->intrinsics.height);
+  const std::size_t cornersX = depthCam_->intrinsics.width + 1;
+  const float* raysAbove = &cornerRays_[2 * static_cast<std::size_t>(v) * cornersX];
+  const float* raysBelow = raysAbove + 2 * cornersX;
+
+  int columns[kChunk];
+  int count = 0;
+  for (int u = begin; u < end; ++u) {
+    columns[count] = u;
+    count += depthRow[u] != 0.0f ? 1 : 0;
+    f[u - begin].x0 = -1;
+  }
+  float corners[kChunk][4];
+  for (int k = 0; k < count; ++k) {
+    const int u = columns[k];
+    const float z = depthRow[u];
+    const float* rays[2] = {raysAbove + 2 * u, raysBelow + 2 * (u + 1)};
+    for (int c = 0; c < 2; ++c) {
+      const float inDepth[3] = {rays[c][0] * z, rays[c][1] * z, z};
+      float inOther[3];
+      LumoCam::TransformPoint2Point(inOther, &depthToOther_, inDepth);
+      otherCam_->projectPoint2Pixel(&corners[k][2 * c], inOther);
+    }
+  }
+  for (int k = 0; k < count; ++k) {
+    const int x0 = roundPixel(corners[k][0]);
+    const int y0 = roundPixel(corners[k][1]);
+    const int x1 = roundPixel(corners[k][2]);
+    const int y1 = roundPixel(corners[k][3]);
+    if (accepted(x0, y0, x1, y1, otherWidth, otherHeight)) f[columns[k] - begin] = Footprint{x0, y0, x1, y1};
+  }
+}
+
+// Footprints of neighbouring depth rows share output cells. The projections
+// run on stripes of depth rows and only record the footprints; the writes then
+// run on bands of output rows, each band owning its cells (zeroing its share
+// of the first zeroBytes bytes first), so no cell is written by two threads.
+void AlignImage::zBufferThreaded(const float* depth, float* out, std::size_t zeroBytes) {
+  const int depthWidth = static_cast<int>(depthCam_->intrinsics.width);
+  const int depthHeight = static_cast<int>(depthCam_->intrinsics.height);
+  const int otherWidth = static_cast<int>(otherCam_->intrinsics.width);
+  const int otherHeight = static_cast<int>(otherCam_->intrinsics.height);
+  Footprint* footprints = footprints_.data();
+  int* spans = rowSpans_.data();
+  cv::parallel_for_(cv::Range(0, depthHeight), [&](const cv::Range& rows) {
+    for (int v = rows.start; v < rows.end; ++v) {
+      const float* depthRow = depth + static_cast<std::size_t>(v) * depthWidth;
+      Footprint* rowFootprints = footprints + static_cast<std::size_t>(v) * depthWidth;
+      int first = otherHeight;
+      int last = -1;
+      for (int begin = 0; begin < depthWidth; begin += kChunk) {
+        const int end = std::min(depthWidth, begin + kChunk);
+        chunkFootprints(v, begin, end, depthRow, rowFootprints + begin);
+        for (int u = begin; u < end; ++u) {
+          if (rowFootprints[u].x0 < 0) continue;
+          first = std::min(first, rowFootprints[u].y0);
+          last = std::max(last, rowFootprints[u].y1);
+        }
+      }
+      spans[2 * v] = first;
+      spans[2 * v + 1] = last;
+    }
+  });
+
+  // A few bands per thread: enough to balance, few enough that a depth row is
+  // rarely scanned by more than two bands.
+  const std::size_t rowBytes = static_cast<std::size_t>(otherWidth) * sizeof(float);
+  const double bands = 2.0 * std::max(1, cv::getNumThreads());
+  cv::parallel_for_(cv::Range(0, otherHeight), [&](const cv::Range& band) {
+    const std::size_t zeroBegin = std::min(zeroBytes, band.start * rowBytes);
+    const std::size_t zeroEnd = std::min(zeroBytes, band.end * rowBytes);
+    std::memset(reinterpret_cast<char*>(out) + zeroBegin, 0, zeroEnd - zeroBegin);
+    for (int v = 0; v < depthHeight; ++v) {
+      if (spans[2 * v] >= band.end || spans[2 * v + 1] < band.start) continue;
+      for (int u = 0; u < depthWidth; ++u) {
+        const std::size_t i = static_cast<std::size_t>(v) * depthWidth + u;
+        const Footprint& f = footprints[i];
+        if (f.x0 < 0 || f.y0 >= band.end || f.y1 < band.start) continue;
+        const float z = depth[i];
+        const int yEnd = std::min(f.y1, band.end - 1);
+        for (int y = std::max(f.y0, band.start); y <= yEnd; ++y) {
+          float* row = out + static_cast<std::size_t>(y) * otherWidth;
+          for (int x = f.x0; x <= f.x1; ++x) row[x] = nearer(row[x], z);
+        }
+      }
+    }
+  }, bands);
+}
+
 int AlignImage::alignDepthToOther(LumoDepthImage& out, const LumoDepthImage& depth, const LumoImage& /*other*/) {
   if (!depthCam_ || !otherCam_) return 0;
-  // The previous size is what the buffer is known to hold.
-  if (out.size > 0) std::memset(out.data, 0, out.size);
+  // Only the previous size is known to be there, so only that much is zeroed.
+  const std::size_t zeroBytes = out.data != nullptr ? out.size : 0;
   const int otherWidth = static_cast<int>(otherCam_->intrinsics.width);
   const int otherHeight = static_cast<int>(otherCam_->intrinsics.height);
   out.width = otherCam_->intrinsics.width;
   out.height = otherCam_->intrinsics.height;
   out.size = out.width * out.height * 4;
   out.timestamp = depth.timestamp;
+  const std::size_t resultBytes = out.size;
 
   const float* in = depth.data;
   float* result = out.data;
   if (fastMode_) {
-    // No depth test: outside the depth image the factor is 0, and so is the result.
+    // Every cell of the result is written below; only a longer previous image
+    // leaves bytes to clear. No depth test: outside the depth image the
+    // factor is 0, and so is the result.
+    if (zeroBytes > resultBytes) std::memset(out.data + resultBytes / 4, 0, zeroBytes - resultBytes);
     const std::size_t depthWidth = depthCam_->intrinsics.width;
     const uint32_t* pixels = lookupPixels_.data();
     const float* factors = lookupFactors_.data();
@@ -207,17 +289,26 @@ int AlignImage::alignDepthToOther(LumoDepthImage& out, const LumoDepthImage& dep
     return 0;
   }
 
-  // Footprints of neighbouring depth rows share output cells, so the threaded
-  // loop updates cells atomically; the z-buffer rule makes the order irrelevant.
+  if (parallel_) {
+    if (zeroBytes > resultBytes) std::memset(out.data + resultBytes / 4, 0, zeroBytes - resultBytes);
+    zBufferThreaded(in, result, std::min(zeroBytes, resultBytes));
+    return 0;
+  }
+  if (zeroBytes > 0) std::memset(out.data, 0, zeroBytes);
   const LumoCam& depthCam = *depthCam_;
   const LumoCam& otherCam = *otherCam_;
+  const int depthWidth = static_cast<int>(depthCam.intrinsics.width);
   const int depthHeight = static_cast<int>(depthCam.intrinsics.height);
-  if (parallel_) {
-    cv::parallel_for_(cv::Range(0, depthHeight), [&](const cv::Range& rows) {
-      zBufferRows<true>(rows, depthCam, otherCam, depthToOther_, in, result);
-    });
-  } else {
-    zBufferRows<false>(cv::Range(0, depthHeight), depthCam, otherCam, depthToOther_, in, result);
+  for (int v = 0; v < depthHeight; ++v) {
+    for (int u = 0; u < depthWidth; ++u) {
+      const float z = in[static_cast<std::size_t>(v) * depthWidth + u];
+      int f[4];
+      if (z == 0.0f || !footprintOf(depthCam, otherCam, depthToOther_, u, v, z, f)) continue;
+      for (int y = f[1]; y <= f[3]; ++y) {
+        float* row = result + static_cast<std::size_t>(y) * otherWidth;
+        for (int x = f[0]; x <= f[2]; ++x) row[x] = nearer(row[x], z);
+      }
+    }
   }
   return 0;
 }
@@ -246,30 +337,43 @@ int AlignImage::alignOtherToDepth(LumoImage& out, const LumoDepthImage& depth, c
       return 1;
   }
 
-  // Each output pixel is written by its own depth pixel only, so rows split
-  // freely. Copying the footprint's pixels in order leaves the last one, the
-  // bottom-right corner (x1, y1), so that one is copied directly.
+  // Visiting the footprint row by row and copying each pixel over the last
+  // leaves the bottom-right one, (x1, y1), so that one is copied directly.
+  // Each output pixel belongs to its own depth pixel, so rows split freely.
   const LumoCam& depthCam = *depthCam_;
   const LumoCam& otherCam = *otherCam_;
   const int depthWidth = static_cast<int>(depthCam.intrinsics.width);
   const int depthHeight = static_cast<int>(depthCam.intrinsics.height);
-  const int otherWidth = static_cast<int>(otherCam.intrinsics.width);
-  const int otherHeight = static_cast<int>(otherCam.intrinsics.height);
+  const std::size_t otherWidth = otherCam.intrinsics.width;
   const float* in = depth.data;
   const uint8_t* source = other.data;
   uint8_t* result = out.data;
-  forRows(parallel_, depthHeight, [&](const cv::Range& rows) {
-    for (int v = rows.start; v < rows.end; ++v) {
+  auto copyPixel = [&](std::size_t i, int x1, int y1) {
+    std::memcpy(result + i * pixelBytes, source + (y1 * otherWidth + x1) * pixelBytes, pixelBytes);
+  };
+
+  if (!parallel_) {
+    for (int v = 0; v < depthHeight; ++v) {
       for (int u = 0; u < depthWidth; ++u) {
         const std::size_t i = static_cast<std::size_t>(v) * depthWidth + u;
-        const float z = in[i];
-        Footprint f;
-        if (z == 0.0f ||
-            !footprintOf(depthCam, otherCam, depthToOther_, otherWidth, otherHeight, u, v, z, &f)) {
-          continue;
+        int f[4];
+        if (in[i] == 0.0f || !footprintOf(depthCam, otherCam, depthToOther_, u, v, in[i], f)) continue;
+        copyPixel(i, f[2], f[3]);
+      }
+    }
+    return 0;
+  }
+  cv::parallel_for_(cv::Range(0, depthHeight), [&](const cv::Range& rows) {
+    Footprint chunk[kChunk];
+    for (int v = rows.start; v < rows.end; ++v) {
+      const std::size_t rowStart = static_cast<std::size_t>(v) * depthWidth;
+      for (int begin = 0; begin < depthWidth; begin += kChunk) {
+        const int end = std::min(depthWidth, begin + kChunk);
+        chunkFootprints(v, begin, end, in + rowStart, chunk);
+        for (int u = begin; u < end; ++u) {
+          const Footprint& f = chunk[u - begin];
+          if (f.x0 >= 0) copyPixel(rowStart + u, f.x1, f.y1);
         }
-        const std::size_t from = static_cast<std::size_t>(f.y1) * otherWidth + f.x1;
-        std::memcpy(result + i * pixelBytes, source + from * pixelBytes, pixelBytes);
       }
     }
   });

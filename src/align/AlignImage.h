@@ -11,6 +11,7 @@
 // the results do not depend on the number of threads.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -51,8 +52,8 @@ class AlignImage {
   };
 
   void prepareCornerRays();
-  bool cornerFootprint(int u, int v, float z, Footprint* f) const;
-  void zBufferThreaded(const float* depth, float* out);
+  void chunkFootprints(int v, int begin, int end, const float* depthRow, Footprint* f) const;
+  void zBufferThreaded(const float* depth, float* out, std::size_t zeroBytes);
 
   std::unique_ptr<LumoCam> depthCam_;
   std::unique_ptr<LumoCam> otherCam_;

@@ -33,6 +33,7 @@
 #include "filters/VorSpatialFilter.h"
 #include "lumetra_depth.h"
 #include "pipeline/LumoImageRing.h"
+#include "pipeline/VoxelTable.h"
 
 namespace KorvLumetra {
 
@@ -210,6 +211,7 @@ class StereoDepth {
   uint64_t cloudPixelCount_ = 0;  // entries of both arrays
   int pointCount_ = 0;
   uint64_t cloudTimestamp_ = 0;
+  VoxelTable voxelTable_;
 
   // Alignment settings and state.
   int alignedCamIndex_ = -1;

@@ -8,11 +8,11 @@
 #include <cstring>
 #include <new>
 #include <string>
-#include <unordered_map>
 
 #include "api/ErrorLog.h"
 #include "pipeline/StereoDepth.h"
 #include "pipeline/TwoMillionVoxelHash.h"
+#include "pipeline/VoxelTable.h"
 
 namespace KorvLumetra {
 
@@ -151,6 +151,7 @@ unsigned int StereoDepth::initPointcloudLUT() {
     rayTable_ = allocateFloats(count * 3);
     pointBuffer_ = allocateFloats(count * 3);
     cloudPixelCount_ = count;
+    voxelTable_.reserve(count);
   }
   std::memset(rayTable_, 0, count * 3 * sizeof(float));
   std::memset(pointBuffer_, 0, count * 3 * sizeof(float));
@@ -262,22 +263,21 @@ void StereoDepth::generatePointCloud() {
   }
 
   if (enableVoxel_) {
-    std::unordered_map<VoxelKey, VoxelData, TwoMillionVoxelHash> voxels;
-    voxels.max_load_factor(1.0f);
+    voxelTable_.clear();
     for (int i = 0; i < pointCount_; ++i) {
       const float* p = pointBuffer_ + 3 * static_cast<std::size_t>(i);
-      const VoxelKey key{voxelIndex(p[0] / voxelSize_), voxelIndex(p[1] / voxelSize_),
-                         voxelIndex(p[2] / voxelSize_)};
-      ++voxels[key].count;
+      voxelTable_.add({voxelIndex(p[0] / voxelSize_), voxelIndex(p[1] / voxelSize_), voxelIndex(p[2] / voxelSize_)});
     }
-    // The centre of each kept cell, not the mean of its points.
+    // The centre of each kept cell, not the mean of its points, in the order
+    // the cells were first met.
     float* centre = pointBuffer_;
     int kept = 0;
-    for (const auto& voxel : voxels) {
-      if (static_cast<float>(voxel.second.count) < minPoints_) continue;
-      centre[0] = (static_cast<float>(voxel.first.ix) + 0.5f) * voxelSize_;
-      centre[1] = (static_cast<float>(voxel.first.iy) + 0.5f) * voxelSize_;
-      centre[2] = (static_cast<float>(voxel.first.iz) + 0.5f) * voxelSize_;
+    for (std::size_t cell = 0; cell < voxelTable_.size(); ++cell) {
+      if (static_cast<float>(voxelTable_.count(cell)) < minPoints_) continue;
+      const VoxelKey& key = voxelTable_.key(cell);
+      centre[0] = (static_cast<float>(key.ix) + 0.5f) * voxelSize_;
+      centre[1] = (static_cast<float>(key.iy) + 0.5f) * voxelSize_;
+      centre[2] = (static_cast<float>(key.iz) + 0.5f) * voxelSize_;
       centre += 3;
       ++kept;
     }

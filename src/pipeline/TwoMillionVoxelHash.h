@@ -13,10 +13,6 @@ struct VoxelKey {
   bool operator==(const VoxelKey& other) const { return ix == other.ix && iy == other.iy && iz == other.iz; }
 };
 
-struct VoxelData {
-  int32_t count = 0;
-};
-
 // 21 bits per axis: keys a multiple of 2,097,152 apart in an axis share a
 // hash and are told apart by equality.
 struct TwoMillionVoxelHash {
