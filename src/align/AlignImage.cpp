@@ -16,6 +16,9 @@ constexpr double kFastModeThreshold = 1e-10;
 // Depth pixels handled per batch by the threaded footprint pass.
 constexpr int kChunk = 64;
 
+// Other-camera rows per band of the threaded z-buffer writes.
+constexpr int kBandRows = 64;
+
 // Truncation of c + 0.5 toward zero (not a floor: -1.2 lands on 0 and counts
 // as inside). NaN and values beyond int give INT_MIN, which every bounds test
 // below rejects, as the x86 conversion would.
@@ -233,10 +236,10 @@ void AlignImage::zBufferThreaded(const float* depth, float* out, std::size_t zer
     }
   });
 
-  // A few bands per thread: enough to balance, few enough that a depth row is
-  // rarely scanned by more than two bands.
+  // Bands of about 64 rows: a band's cells, zeroed and then written, stay in
+  // cache, and a depth row's footprints still fall in one or two bands.
   const std::size_t rowBytes = static_cast<std::size_t>(otherWidth) * sizeof(float);
-  const double bands = 2.0 * std::max(1, cv::getNumThreads());
+  const double bands = std::max(2 * cv::getNumThreads(), otherHeight / kBandRows);
   cv::parallel_for_(cv::Range(0, otherHeight), [&](const cv::Range& band) {
     const std::size_t zeroBegin = std::min(zeroBytes, band.start * rowBytes);
     const std::size_t zeroEnd = std::min(zeroBytes, band.end * rowBytes);
@@ -348,8 +351,15 @@ int AlignImage::alignOtherToDepth(LumoImage& out, const LumoDepthImage& depth, c
   const float* in = depth.data;
   const uint8_t* source = other.data;
   uint8_t* result = out.data;
+  // Spelled out per byte: a memcpy of a run-time length of 1 or 3 is a library call.
   auto copyPixel = [&](std::size_t i, int x1, int y1) {
-    std::memcpy(result + i * pixelBytes, source + (y1 * otherWidth + x1) * pixelBytes, pixelBytes);
+    uint8_t* to = result + i * pixelBytes;
+    const uint8_t* from = source + (y1 * otherWidth + x1) * pixelBytes;
+    to[0] = from[0];
+    if (pixelBytes == 3) {
+      to[1] = from[1];
+      to[2] = from[2];
+    }
   };
 
   if (!parallel_) {

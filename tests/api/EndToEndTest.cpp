@@ -17,6 +17,7 @@
 #include "lumetra_depth.h"
 #include "support/CaptureOutput.h"
 #include "support/HostConfig.h"
+#include "support/ShiftedPair.h"
 #include "support/TempDir.h"
 #include "synth/SyntheticStereo.h"
 
@@ -28,8 +29,8 @@ using LumoTest::TempDir;
 // Rendered once per size and shared by the tests.
 struct RenderedScene {
   LumoSynth::Rig rig;
-  cv::Mat stacked;  // BGR, left view on top
-  cv::Mat grey;
+  mutable cv::Mat stacked;  // BGR, left view on top
+  mutable cv::Mat grey;
 };
 
 const RenderedScene& renderedScene(int width, int height) {
@@ -46,17 +47,7 @@ const RenderedScene& renderedScene(int width, int height) {
   return *cache.back();
 }
 
-LumoImage frameOf(const cv::Mat& image, uint64_t timestamp) {
-  LumoImage frame{};
-  frame.timestamp = timestamp;
-  frame.width = static_cast<uint32_t>(image.cols);
-  frame.height = static_cast<uint32_t>(image.rows);
-  frame.channels = static_cast<uint32_t>(image.channels());
-  frame.stride = frame.width * frame.channels;
-  frame.size = frame.stride * frame.height;
-  frame.data = image.data;
-  return frame;
-}
+LumoImage frameOf(cv::Mat& image, uint64_t timestamp) { return LumoTest::wrapStacked(image, timestamp); }
 
 // A handle configured from files in a scratch directory.
 class Host {
@@ -187,7 +178,7 @@ TEST_P(EndToEndModes, EveryFrameGetsItsDepth) {
                 .set("thread_num", std::to_string(mode.threads))
                 .set("enable_filter", "true"),
             scene.rig);
-  const cv::Mat& image = mode.channels == 1 ? scene.grey : scene.stacked;
+  cv::Mat& image = mode.channels == 1 ? scene.grey : scene.stacked;
   DepthBuffer depth(640 * 400);
   for (uint64_t t = 1; t <= 4; ++t) {
     LumoImage frame = frameOf(image, t * 100);

@@ -23,7 +23,7 @@ inline cv::Mat makeShiftedPair(int width, int height, int shift, unsigned seed) 
   return stacked;
 }
 
-// Wraps a stacked 3-channel image as a frame record (no copy).
+// Wraps a stacked image (1 or 3 channels) as a frame record, without a copy.
 inline LumoImage wrapStacked(cv::Mat& stacked, uint64_t timestamp) {
   LumoImage image{};
   image.timestamp = timestamp;
