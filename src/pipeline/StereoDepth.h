@@ -119,6 +119,7 @@ class StereoDepth {
   bool depthOfFrameReady(uint64_t timestamp);  // with resultMutex_ held
   void appendCamera(const cv::Mat& D, const cv::Mat& kInput, int camIndex, int model);
   void recreateEngines();
+  bool sizesFitBuffers();
 
   // Switches and paths.
   int moduleEnabled_ = 1;  // an unconfigured pipeline counts as enabled

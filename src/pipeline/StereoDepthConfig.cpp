@@ -1,6 +1,7 @@
 // StereoDepth: reading the configuration file.
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -27,7 +28,54 @@ std::string resolveAgainst(const std::string& configPath, const std::string& pat
   return directory + path;
 }
 
+// Bytes a size needs at `bytesPerPixel`, in 64 bits so that no product wraps;
+// negative sizes count as too large.
+int64_t bytesFor(int width, int height, int bytesPerPixel) {
+  if (width < 0 || height < 0) return INT64_MAX;
+  return static_cast<int64_t>(width) * height * bytesPerPixel;
+}
+
 }  // namespace
+
+// The buffers have fixed capacities: refuse sizes that would overrun them.
+bool StereoDepth::sizesFitBuffers() {
+  const ImageSize& stereoInput = inputSizes_[inputSizes_.size() - 3];
+  const ImageSize& stereoWorking = scaledSizes_[scaledSizes_.size() - 3];
+  const ImageSize& auxInput = inputSizes_[inputSizes_.size() - 1];
+  const int64_t stereoLimit = static_cast<int64_t>(kStereoBufferBytes);
+  if (bytesFor(stereoWorking.width, 2 * stereoWorking.height, 3) > stereoLimit) {
+    logErrorf("initFromYaml",
+              "input_stereo_width x input_stereo_height at stereo_img_scaling gives %dx%d per view, "
+              "over the limit of %lld bytes for both views in 3 channels\n",
+              stereoWorking.width, stereoWorking.height, static_cast<long long>(stereoLimit));
+    return false;
+  }
+  if (bytesFor(stereoInput.width, stereoInput.height, 4) > static_cast<int64_t>(kOutputBufferBytes) ||
+      bytesFor(stereoInput.width, stereoInput.height, 3) > static_cast<int64_t>(kColourBufferBytes)) {
+    logErrorf("initFromYaml",
+              "input_stereo_width x input_stereo_height %dx%d is over the limit of %lld pixels\n",
+              stereoInput.width, stereoInput.height, static_cast<long long>(kColourBufferBytes / 3));
+    return false;
+  }
+  if (bytesFor(auxInput.width, auxInput.height, 3) > static_cast<int64_t>(kRingSlotBytes)) {
+    logErrorf("initFromYaml",
+              "input_aux_cam_width x input_aux_cam_height %dx%d is over the limit of %lld pixels\n",
+              auxInput.width, auxInput.height, static_cast<long long>(kRingSlotBytes / 3));
+    return false;
+  }
+  // Depth registered into another camera is copied back into the depth record.
+  const std::size_t aligned = static_cast<std::size_t>(alignCamId_);
+  if (alignCamId_ >= 0 && alignDirectionSetting_ && aligned < 3) {
+    const ImageSize& target = inputSizes_[inputSizes_.size() - 3 + aligned];
+    if (bytesFor(target.width, target.height, 4) > static_cast<int64_t>(kDepthBufferBytes)) {
+      logErrorf("initFromYaml",
+                "align_cam_id %d with align_direction true needs depth of %dx%d, over the limit of %lld pixels\n",
+                alignCamId_, target.width, target.height, static_cast<long long>(kDepthBufferBytes / 4));
+      return false;
+    }
+  }
+  return true;
+}
 
 int StereoDepth::initFromYaml(const std::string& path) {
   using KorvTech::YamlNode;
@@ -93,6 +141,8 @@ int StereoDepth::initFromYaml(const std::string& path) {
     // From the truncated width, so it may differ slightly from the configured factor.
     scaleRatios_.push_back(static_cast<float>(scaled.width) / static_cast<float>(inputs[i].width));
   }
+
+  if (!sizesFitBuffers()) return 1;
 
   // The model path is handed to the engines as written: the matcher does not use it.
   setDepthAlignedInfo(alignCamId_, alignDirectionSetting_, alignCamId_ != -1);
