@@ -118,6 +118,10 @@ int StereoDepth::feedStereoImage(LumoImage* frame) {
     logError("feedStereoImage", "depth module is not enabled");
     return 1;
   }
+  if (frame == nullptr || frame->data == nullptr) {
+    logError("feedStereoImage", "allocate memory before calling");
+    return 1;
+  }
   if (rectMap1List_.empty() || inputSizes_.empty()) {
     logError("feedStereoImage", "rectify map or camera image size not exists");
     return 1;

@@ -18,7 +18,11 @@ int StereoDepth::feedRGBImage(LumoImage* image) {
     logError("feedRGBImage", "depth module is not enabled");
     return 1;
   }
-  if (inputSizes_.size() <= kAuxCamIndex || image == nullptr || image->data == nullptr) {
+  if (image == nullptr || image->data == nullptr) {
+    logError("feedRGBImage", "allocate memory before calling");
+    return 1;
+  }
+  if (inputSizes_.size() <= kAuxCamIndex) {
     logError("feedRGBImage", "rectify map or camera image size not exists");
     return 1;
   }

@@ -50,6 +50,10 @@ int StereoDepth::feedPose(LumoPose* pose) {
     logError("feedPose", "depth module is not enabled");
     return 1;
   }
+  if (pose == nullptr) {
+    logError("feedPose", "allocate memory before calling");
+    return 1;
+  }
   std::lock_guard<std::mutex> lock(poseMutex_);
   poseRing_->push();
   *poseRing_->back() = *pose;

@@ -263,6 +263,17 @@ TEST(EndToEnd, RefusalsAndTheirMessages) {
             std::string::npos)
       << printed;
 
+  // Null records are refused, not dereferenced.
+  printed = LumoTest::captureStdout([&] {
+    EXPECT_EQ(KORV_LUMO_D_FeedStereoImage(host.handle(), nullptr), 1);
+    EXPECT_EQ(KORV_LUMO_D_FeedRGBImage(host.handle(), nullptr), 1);
+    EXPECT_EQ(KORV_LUMO_D_FeedPose(host.handle(), nullptr), 1);
+  });
+  for (const char* function : {"feedStereoImage", "feedRGBImage", "feedPose"}) {
+    EXPECT_NE(printed.find(std::string(function) + "(): allocate memory before calling\n"), std::string::npos)
+        << printed;
+  }
+
   DepthBuffer depth(640 * 400);
   printed = LumoTest::captureStdout(
       [&] { status = KORV_LUMO_D_GetDepthImage(host.handle(), nullptr, nullptr, nullptr); });
