@@ -68,6 +68,34 @@ LumoImage frameOf(const cv::Mat& grey, uint64_t timestamp) {
   return frame;
 }
 
+// Rectifying a stacked 3-channel pair with fixed-point maps, as the
+// preprocessing thread does for every frame.
+void BM_Rectification(benchmark::State& state) {
+  const int width = static_cast<int>(state.range(0)), height = static_cast<int>(state.range(1));
+  const LumoSynth::Rig rig = LumoSynth::pinholeRig(width, height);
+  const LumoSynth::Rectification rect = LumoSynth::rectification(rig, 1.0);
+  cv::Mat map1[2], map2[2];
+  const cv::Mat* rotations[2] = {&rect.R1, &rect.R2};
+  const cv::Mat* projections[2] = {&rect.P1, &rect.P2};
+  const cv::Mat* intrinsics[2] = {&rect.K0, &rect.K1};
+  for (int i = 0; i < 2; ++i) {
+    cv::initUndistortRectifyMap(*intrinsics[i], LumoSynth::distCoeffs(rig.cameras[i]), *rotations[i],
+                                *projections[i], rect.size, CV_16SC2, map1[i], map2[i]);
+  }
+  cv::Mat stacked;
+  cv::cvtColor(fixture(width, height).grey, stacked, cv::COLOR_GRAY2BGR);
+  cv::Mat rectified(stacked.size(), CV_8UC3);
+  const cv::Rect halves[2] = {cv::Rect(0, 0, width, height), cv::Rect(0, height, width, height)};
+  for (auto _ : state) {
+    for (int i = 0; i < 2; ++i) {
+      cv::Mat out = rectified(halves[i]);
+      cv::remap(stacked(halves[i]), out, map1[i], map2[i], cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
+    }
+    benchmark::DoNotOptimize(rectified.data);
+  }
+}
+BENCHMARK(BM_Rectification)->Args({640, 400})->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // Feed one frame synchronously and read its depth back.
 void BM_PipelineSync(benchmark::State& state) {
   const int width = static_cast<int>(state.range(0)), height = static_cast<int>(state.range(1));
@@ -155,6 +183,10 @@ BENCHMARK(BM_PipelineAsync)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
+LUMO_RATIO("rectification / bare SGBM, 640x400", "BM_Rectification/640/400/real_time",
+           "BM_BareSGBM/640/400/real_time");
+LUMO_RATIO("sync pipeline / bare SGBM, 640x400", "BM_PipelineSync/640/400/100/real_time",
+           "BM_BareSGBM/640/400/real_time");
 LUMO_RATIO("sync pipeline / engine, 640x400 at 1.0", "BM_PipelineSync/640/400/100/real_time",
            "BM_EngineCompute/640/400/100/real_time");
 LUMO_RATIO("sync pipeline / engine, 1280x800 at 0.5", "BM_PipelineSync/1280/800/50/real_time",
