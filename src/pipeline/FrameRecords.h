@@ -2,29 +2,36 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "lumetra_depth.h"
 
 namespace KorvLumetra {
 
-// Buffers are allocated without being touched, so that capacity never used
-// costs address space only, not resident memory.
+// Buffers start zeroed, as the registration's nearest-surface test expects of
+// an output never written, and come from calloc untouched: capacity never
+// used costs address space only, not resident memory.
 inline LumoImage* newImageRecord(std::size_t bytes) {
+  void* data = std::calloc(bytes, 1);
+  if (data == nullptr) throw std::bad_alloc();
   auto* record = new LumoImage{};
-  record->data = new uint8_t[bytes];
+  record->data = static_cast<uint8_t*>(data);
   return record;
 }
 
 inline LumoDepthImage* newDepthRecord(std::size_t bytes) {
+  void* data = std::calloc(bytes / sizeof(float), sizeof(float));
+  if (data == nullptr) throw std::bad_alloc();
   auto* record = new LumoDepthImage{};
-  record->data = new float[bytes / sizeof(float)];
+  record->data = static_cast<float*>(data);
   return record;
 }
 
 template <typename Record>
 void deleteRecord(Record*& record) {
-  if (record != nullptr) delete[] record->data;
+  if (record != nullptr) std::free(record->data);
   delete record;
   record = nullptr;
 }

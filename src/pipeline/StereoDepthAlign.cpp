@@ -81,38 +81,6 @@ bool distortionCode(int camModel, uint8_t* code) {
   }
 }
 
-// A stereo frame holds both views, the first camera's on top. Registration
-// with one of them reads that view alone, at the size its intrinsics describe
-// (the ring keeps the working size), tagged with the format code of its
-// channels as a colour frame is; the whole stacked frame would hand the
-// registration the first view's rows and the host's own format tag.
-void copyStereoView(LumoImage* out, const LumoImage& stacked, int camera, ImageSize size) {
-  const int rows = static_cast<int>(stacked.height / 2);
-  const int cols = static_cast<int>(stacked.width);
-  if ((stacked.channels != 1 && stacked.channels != 3) || rows == 0 || cols == 0) {
-    copyRecord(out, &stacked);  // a frame the preprocessing refused: nothing to register
-    return;
-  }
-  const int type = stacked.channels == 1 ? CV_8UC1 : CV_8UC3;
-  const cv::Mat view(rows, cols, type, stacked.data + static_cast<std::size_t>(camera) * rows * stacked.stride,
-                     stacked.stride);
-  cv::Mat target(size.height, size.width, type, out->data);
-  if (view.size() == target.size()) {
-    view.copyTo(target);
-  } else {
-    cv::resize(view, target, target.size(), 0, 0, cv::INTER_LINEAR);
-  }
-  out->tag0 = stacked.tag0;
-  out->tag1 = stacked.tag1;
-  out->timestamp = stacked.timestamp;
-  out->width = static_cast<uint32_t>(size.width);
-  out->height = static_cast<uint32_t>(size.height);
-  out->channels = stacked.channels;
-  out->format = stacked.channels == 1 ? 2 : 0;
-  out->stride = out->width * out->channels;
-  out->size = out->stride * out->height;
-}
-
 }  // namespace
 
 int StereoDepth::initAlignParam() {
@@ -128,13 +96,13 @@ int StereoDepth::initAlignParam() {
   }
 
   // The depth camera is the rectified left view: a pinhole without distortion.
-  // Its grid is that of the depth image, the working size the rectified
-  // projection describes; the input size would pair a scaled P1 with a grid
-  // the depth image does not have whenever stereo_img_scaling is not 1.
+  // Its grid is the input size times the engine's scale, as the registration
+  // was designed; with stereo_img_scaling other than 1 that grid is larger
+  // than the depth image, whose projection P1 describes.
   LumoIntrinsics depthIntrinsics{};
-  const ImageSize depthGrid = scaledSizes_[stereoCamIndex_];
-  depthIntrinsics.width = static_cast<uint32_t>(std::round(static_cast<float>(depthGrid.width) * scale));
-  depthIntrinsics.height = static_cast<uint32_t>(std::round(static_cast<float>(depthGrid.height) * scale));
+  const ImageSize depthInput = inputSizes_[stereoCamIndex_];
+  depthIntrinsics.width = static_cast<uint32_t>(std::round(static_cast<float>(depthInput.width) * scale));
+  depthIntrinsics.height = static_cast<uint32_t>(std::round(static_cast<float>(depthInput.height) * scale));
   depthIntrinsics.fx = static_cast<float>(rectP1_.at<double>(0, 0) * scale);
   depthIntrinsics.fy = static_cast<float>(rectP1_.at<double>(1, 1) * scale);
   depthIntrinsics.cx = static_cast<float>(rectP1_.at<double>(0, 2) * scale);
@@ -169,16 +137,6 @@ int StereoDepth::initAlignParam() {
     depthToOther.translation[r] = static_cast<float>(E(r, 3));
   }
 
-  // Depth into the other camera clears only as much of its output as the
-  // previous result filled, and the buffer starts untouched: clear what this
-  // camera needs once, or the z-buffer would start from stale memory.
-  const std::size_t otherBytes = static_cast<std::size_t>(otherIntrinsics.width) * otherIntrinsics.height * 4;
-  if (otherBytes <= kOutputBufferBytes) {
-    std::lock_guard<std::mutex> lock(resultMutex_);
-    std::memset(depthToColour_->data, 0, otherBytes);
-    depthToColour_->size = static_cast<uint32_t>(otherBytes);
-  }
-
   alignImage_ = std::make_unique<AlignImage>();
   alignImage_->setAlignInfo(depthIntrinsics, otherIntrinsics, depthToOther);
   alignInitialized_.store(true);
@@ -207,11 +165,8 @@ int StereoDepth::syncAlignImages(int auxTolerance, int stereoTolerance) {
       }
       if (diff < -tolerance) return 0;  // newer: kept for a later depth
       if (diff < tolerance && diff > -tolerance) {
-        if (auxiliary) {
-          copyRecord(colourInput_, front);
-        } else {
-          copyStereoView(colourInput_, *front, alignedCamIndex_, inputSizes_[alignedCamIndex_]);
-        }
+        // A stereo frame is copied whole, both views stacked, as designed.
+        copyRecord(colourInput_, front);
         ring.pop_front();
         return 1;
       }
