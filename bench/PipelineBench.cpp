@@ -138,7 +138,7 @@ void BM_EngineCompute(benchmark::State& state) {
     image.size = image.stride * image.height;
     image.data = stacked.data;
     engine.feedImage(&image);
-    while (!engine.isResultReady()) std::this_thread::sleep_for(std::chrono::microseconds(50));
+    while (!engine.isResultReady()) std::this_thread::yield();
     engine.getResult(depth.data(), disparity.data(), shape, timestamp);
   }
 }

@@ -25,10 +25,16 @@ class VoxelTable {
   int32_t count(std::size_t i) const { return counts_[i]; }
 
  private:
+  static constexpr std::size_t kInitialSlots = std::size_t{1} << 16;
+
   std::size_t slotOf(const VoxelKey& key) const;
+  void resetSlots();
+  void nextGeneration();
+  void grow();
 
   std::size_t capacity_ = 0;  // cells
-  std::size_t slotMask_ = 0;  // slots - 1, slots a power of two >= 2 * capacity
+  std::size_t maxSlots_ = 0;  // a power of two >= 2 * capacity
+  std::size_t slotMask_ = 0;  // slots in use - 1; grows up to maxSlots_ - 1
   int slotShift_ = 64;
   uint32_t generation_ = 1;   // a slot is taken when its stamp equals the generation
   std::unique_ptr<uint32_t[], void (*)(void*)> stamps_{nullptr, nullptr};
