@@ -5,25 +5,13 @@
 #include <cstring>
 
 #include "api/ErrorLog.h"
+#include "filters/BranchFreeChoose.h"
 
 namespace KorvLumetra {
 
 namespace {
 
 constexpr std::size_t kChunk = 256;  // pixels per gathered block of table lookups
-
-// Branch-free choice between two computed values, bit for bit (a plain ?: on
-// floats is kept as a branch and stops the loop from vectorising).
-inline float choose(bool condition, float ifTrue, float ifFalse) {
-  uint32_t t, f;
-  std::memcpy(&t, &ifTrue, sizeof t);
-  std::memcpy(&f, &ifFalse, sizeof f);
-  const uint32_t mask = 0u - static_cast<uint32_t>(condition);
-  const uint32_t bits = (t & mask) | (f & ~mask);
-  float out;
-  std::memcpy(&out, &bits, sizeof out);
-  return out;
-}
 
 // Whether a history h, read with bit 7 as the most recent frame, bit 6 the one
 // before and so on, lets a hole take the last valid value.

@@ -7,26 +7,13 @@
 #include <cstring>
 
 #include "api/ErrorLog.h"
+#include "filters/BranchFreeChoose.h"
 
 namespace KorvLumetra {
 
 namespace {
 
 constexpr float kEps = 1.1920929e-7f;  // float machine epsilon
-
-// Branch-free choice between two computed values, bit for bit. A plain ?: on
-// floats is kept as a branch (the arithmetic in it might trap), which stops
-// the loops from vectorising.
-inline float choose(bool condition, float ifTrue, float ifFalse) {
-  uint32_t t, f;
-  std::memcpy(&t, &ifTrue, sizeof t);
-  std::memcpy(&f, &ifFalse, sizeof f);
-  const uint32_t mask = 0u - static_cast<uint32_t>(condition);
-  const uint32_t bits = (t & mask) | (f & ~mask);
-  float out;
-  std::memcpy(&out, &bits, sizeof out);
-  return out;
-}
 
 // The row recurrence is serial along a row, so rows are filtered side by side:
 // kLanes rows at a time, their pixels copied column-wise into a small block so
