@@ -4,7 +4,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test test-asan test-tsan bench demo clean
+.PHONY: all deps configure build test test-asan test-tsan bench demo fuzz clean
 
 all: build
 
@@ -49,3 +49,18 @@ demo: configure
 
 clean:
 	rm -rf build build-asan build-tsan
+
+# libFuzzer runs of the YAML reader, the typed readers and the calibration
+# import, FUZZ_SECONDS each, from the seeds in tests/fuzz/corpus (new inputs go
+# to build-fuzz/corpus, the seeds stay as they are).
+FUZZ_SECONDS ?= 60
+fuzz:
+	@bash scripts/install-deps.sh --fuzz
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMO_FUZZ=ON
+	cmake --build build-fuzz -j$(JOBS) --target fuzz_yaml fuzz_readers fuzz_calibration
+	@for target in yaml readers calibration; do \
+	  mkdir -p build-fuzz/corpus/$$target; \
+	  echo "fuzz_$$target: $(FUZZ_SECONDS) s"; \
+	  build-fuzz/tests/fuzz/fuzz_$$target -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	    build-fuzz/corpus/$$target tests/fuzz/corpus/$$target 2>&1 | grep -E "stat::number_of_executed_units|ERROR|SUMMARY" || exit 1; \
+	done

@@ -201,8 +201,10 @@ void VorSpatialFilter::recursive_filter_vertical(float* image, float alpha, floa
     for (std::size_t u = 0; u < width; ++u) {
       const float c = cur[u];
       const float b = below[u];
-      const bool smooth =
-          (std::fabs(c) >= kEps) & (std::fabs(b) >= kEps) & (std::fabs(c - b) < delta);
+      // Bitwise on purpose: every test is evaluated, so the loop has no branch.
+      const bool smooth = static_cast<bool>(static_cast<int>(std::fabs(c) >= kEps) &
+                                            static_cast<int>(std::fabs(b) >= kEps) &
+                                            static_cast<int>(std::fabs(c - b) < delta));
       cur[u] = choose(smooth, c * alpha + b * oneMinusAlpha, c);
     }
   }
