@@ -9,16 +9,6 @@
 #include "align/AlignImage.h"
 #include "align/AlignRigs.h"
 
-namespace KorvLumetra {
-
-// The benchmark's way to the plain single-threaded loops.
-class AlignImagePeer {
- public:
-  static void setThreaded(AlignImage& align, bool threaded) { align.parallel_ = threaded; }
-};
-
-}  // namespace KorvLumetra
-
 namespace {
 
 using KorvLumetra::AlignImage;

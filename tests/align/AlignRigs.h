@@ -7,7 +7,19 @@
 #include <random>
 #include <vector>
 
+#include "align/AlignImage.h"
 #include "lumetra_depth.h"
+
+namespace KorvLumetra {
+
+// Reaches the plain single-threaded loops of the registration, which the
+// tests compare the threaded ones against and the benchmark times.
+class AlignImagePeer {
+ public:
+  static void setThreaded(AlignImage& align, bool threaded) { align.parallel_ = threaded; }
+};
+
+}  // namespace KorvLumetra
 
 namespace LumoTest {
 
