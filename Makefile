@@ -4,7 +4,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test test-asan test-tsan bench demo fuzz clean
+.PHONY: all deps configure build test test-asan test-tsan soak bench demo fuzz clean
 
 all: build
 
@@ -21,11 +21,27 @@ test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j$(JOBS)
 
 # The suite under AddressSanitizer + UndefinedBehaviorSanitizer, and under ThreadSanitizer.
+ASAN_FLAGS = -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMO_SANITIZE=address -DLUMO_BUILD_BENCH=OFF
+TSAN_FLAGS = -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMO_SANITIZE=thread -DLUMO_BUILD_BENCH=OFF
+
 test-asan: deps
-	$(MAKE) test BUILD_DIR=build-asan CMAKE_FLAGS="-DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMO_SANITIZE=address -DLUMO_BUILD_BENCH=OFF"
+	$(MAKE) test BUILD_DIR=build-asan CMAKE_FLAGS="$(ASAN_FLAGS)"
 
 test-tsan: deps
-	$(MAKE) test BUILD_DIR=build-tsan CMAKE_FLAGS="-DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMO_SANITIZE=thread -DLUMO_BUILD_BENCH=OFF"
+	$(MAKE) test BUILD_DIR=build-tsan CMAKE_FLAGS="$(TSAN_FLAGS)"
+
+# The soak: one handle with a stereo feeder, a colour-and-pose feeder and
+# getter threads, filters, alignment and point clouds on, for SOAK_FRAMES
+# frames in each alignment direction; then a shorter run under ThreadSanitizer.
+SOAK_FRAMES ?= 5000
+SOAK_TSAN_FRAMES ?= 500
+soak: build
+	$(BUILD_DIR)/tests/soak/lumo_soak --frames $(SOAK_FRAMES) --align-direction 1
+	$(BUILD_DIR)/tests/soak/lumo_soak --frames $(SOAK_FRAMES) --align-direction 0
+	cmake -S . -B build-tsan $(TSAN_FLAGS)
+	cmake --build build-tsan --target lumo_soak -j$(JOBS)
+	TSAN_OPTIONS=suppressions=$(CURDIR)/tests/support/tsan.supp:halt_on_error=1 \
+	  build-tsan/tests/soak/lumo_soak --frames $(SOAK_TSAN_FRAMES) --time-limit 900 --stall-limit 120 --rss-slack-mb 0
 
 bench: build
 	$(BUILD_DIR)/bench/lumo_bench
@@ -48,11 +64,12 @@ demo: configure
 	@echo "cloud_*.ply and cloud_*.pcd are point clouds. The input frames are in $(SAMPLE)/."
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-fuzz
 
 # libFuzzer runs of the YAML reader, the typed readers and the calibration
 # import, FUZZ_SECONDS each, from the seeds in tests/fuzz/corpus (new inputs go
-# to build-fuzz/corpus, the seeds stay as they are).
+# to build-fuzz/corpus, the seeds stay as they are). A crash, a sanitizer
+# report or a leak stops the run and leaves the input in build-fuzz/.
 FUZZ_SECONDS ?= 60
 fuzz:
 	@bash scripts/install-deps.sh --fuzz
@@ -61,6 +78,11 @@ fuzz:
 	@for target in yaml readers calibration; do \
 	  mkdir -p build-fuzz/corpus/$$target; \
 	  echo "fuzz_$$target: $(FUZZ_SECONDS) s"; \
-	  build-fuzz/tests/fuzz/fuzz_$$target -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
-	    build-fuzz/corpus/$$target tests/fuzz/corpus/$$target 2>&1 | grep -E "stat::number_of_executed_units|ERROR|SUMMARY" || exit 1; \
+	  if build-fuzz/tests/fuzz/fuzz_$$target -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	       -artifact_prefix=build-fuzz/$$target- build-fuzz/corpus/$$target tests/fuzz/corpus/$$target \
+	       > build-fuzz/fuzz_$$target.log 2>&1; then \
+	    grep -E "stat::number_of_executed_units" build-fuzz/fuzz_$$target.log; \
+	  else \
+	    tail -n 40 build-fuzz/fuzz_$$target.log; echo "fuzz_$$target: finding, see build-fuzz/"; exit 1; \
+	  fi; \
 	done

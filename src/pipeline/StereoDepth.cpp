@@ -352,6 +352,12 @@ void StereoDepth::updateResult() {
       resultLock.lock();
       if (alignDirection_) {
         if (alignImage_->alignDepthToOther(*depthToColour_, *depth_, *colourInput_) == 0) {
+          // The registration writes pixels, size and time stamp; the host's tags
+          // and the channel count still belong to the stereo frame.
+          depthToColour_->tag0 = depth_->tag0;
+          depthToColour_->tag1 = depth_->tag1;
+          depthToColour_->format = depth_->format;
+          depthToColour_->channels = depth_->channels;
           copyRecord(depth_, depthToColour_);
           copyRecord(alignedColour_, colourInput_);
         }

@@ -80,8 +80,13 @@ class Host {
     LumoImage record = wrap(image, t);
     return KORV_LUMO_D_FeedRGBImage(handle_, &record);
   }
+  // The host's tags: derived from the time stamp, so each frame has its own.
+  static uint32_t tagOf(uint64_t t) { return static_cast<uint32_t>(t) * 7u + 3u; }
   int feedStereo(uint64_t t, const cv::Mat& stacked = rendered().stereo) {
     LumoImage record = wrap(stacked, t);
+    record.tag0 = tagOf(t);
+    record.tag1 = ~tagOf(t);
+    record.format = 5;
     return KORV_LUMO_D_FeedStereoImage(handle_, &record);
   }
   int get() {
@@ -236,6 +241,11 @@ TEST(Alignment, DepthIntoTheColourCameraMatchesItsGroundTruth) {
     ASSERT_EQ(host.get(), 0);
     const cv::Size size = half ? cv::Size(kColourWidth / 2, kColourHeight / 2) : cv::Size(kColourWidth, kColourHeight);
     EXPECT_EQ(host.depth().timestamp, 1000u);
+    // Registered depth is still the stereo frame's: its tags and one channel.
+    EXPECT_EQ(host.depth().tag0, Host::tagOf(1000));
+    EXPECT_EQ(host.depth().tag1, ~Host::tagOf(1000));
+    EXPECT_EQ(host.depth().format, 5u);
+    EXPECT_EQ(host.depth().channels, 1u);
     ASSERT_EQ(host.depthMat().size(), size);
     EXPECT_EQ(host.depth().size, size.area() * 4u);
     EXPECT_EQ(host.aligned().timestamp, 1000u);
