@@ -22,6 +22,7 @@ GetCalibrationParam trackerCalibrationGetter() {
 }  // namespace
 
 int KORV_LUMO_D_CreateHandleWithConfig(void** handle, const char* configPath) {
+  if (handle == nullptr) return 1;  // nowhere to put it: nothing is created
   auto* created = new LumetraDepthHandle();
   *handle = created;
   return created->Initialize(configPath);

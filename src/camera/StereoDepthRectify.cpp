@@ -70,6 +70,10 @@ int StereoDepth::flatten2DCvMat(const cv::Mat& m, float* out) {
 }
 
 int StereoDepth::getRectifyInfo(LumoRectifyInfo* info) {
+  if (info == nullptr) {
+    logError("getRectifyInfo", "allocate memory before calling");
+    return 1;
+  }
   const int status = flatten2DCvMat(rectR1_, info->R1) | flatten2DCvMat(rectR2_, info->R2) |
                      flatten2DCvMat(rectP1_, info->P1) | flatten2DCvMat(rectP2_, info->P2);
   if (restoreDepthDim_ != 0) {

@@ -263,16 +263,24 @@ TEST(EndToEnd, RefusalsAndTheirMessages) {
             std::string::npos)
       << printed;
 
-  // Null records are refused, not dereferenced.
+  // Null records and records without pixels are refused, not dereferenced.
+  LumoImage empty = frameOf(scene.grey, 6);
+  empty.data = nullptr;
   printed = LumoTest::captureStdout([&] {
+    EXPECT_EQ(KORV_LUMO_D_FeedStereoImage(host.handle(), &empty), 1);
     EXPECT_EQ(KORV_LUMO_D_FeedStereoImage(host.handle(), nullptr), 1);
+    EXPECT_EQ(KORV_LUMO_D_FeedRGBImage(host.handle(), &empty), 1);
     EXPECT_EQ(KORV_LUMO_D_FeedRGBImage(host.handle(), nullptr), 1);
     EXPECT_EQ(KORV_LUMO_D_FeedPose(host.handle(), nullptr), 1);
   });
-  for (const char* function : {"feedStereoImage", "feedRGBImage", "feedPose"}) {
-    EXPECT_NE(printed.find(std::string(function) + "(): allocate memory before calling\n"), std::string::npos)
-        << printed;
-  }
+  const auto count = [&printed](const std::string& line) {
+    std::size_t n = 0;
+    for (std::size_t at = printed.find(line); at != std::string::npos; at = printed.find(line, at + 1)) ++n;
+    return n;
+  };
+  EXPECT_EQ(count("feedStereoImage(): allocate memory before calling\n"), 2u) << printed;
+  EXPECT_EQ(count("feedRGBImage(): allocate memory before calling\n"), 2u) << printed;
+  EXPECT_EQ(count("feedPose(): allocate memory before calling\n"), 1u) << printed;
 
   DepthBuffer depth(640 * 400);
   printed = LumoTest::captureStdout(
@@ -288,6 +296,9 @@ TEST(EndToEnd, RefusalsAndTheirMessages) {
   printed = LumoTest::captureStdout([&] { status = KORV_LUMO_D_GetPointcloud(host.handle(), &map, 10); });
   EXPECT_EQ(status, 1);
   EXPECT_NE(printed.find("getPointcloud(): allocate memory before calling"), std::string::npos);
+  printed = LumoTest::captureStdout([&] { status = KORV_LUMO_D_GetRectifyInfo(host.handle(), nullptr); });
+  EXPECT_EQ(status, 1);
+  EXPECT_NE(printed.find("getRectifyInfo(): allocate memory before calling"), std::string::npos);
 }
 
 TEST(EndToEnd, DisabledModuleRefusesFeeds) {

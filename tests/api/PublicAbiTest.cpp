@@ -49,6 +49,9 @@ TEST(PublicAbi, NullHandleAnswersOneWithoutMessage) {
   float out[3];
   EXPECT_EQ(KorvLumetra::KORV_LUMO_D_GetCoordinates(nullptr, pixel, 1, nullptr, out), 1);
   EXPECT_EQ(KorvLumetra::KORV_LUMO_D_DestroyHandle(nullptr), 1);
+  // Nowhere to store a handle: refused before anything is created (the leak
+  // checker of the sanitizer build would see one).
+  EXPECT_EQ(KORV_LUMO_D_CreateHandleWithConfig(nullptr, "missing.yaml"), 1);
 }
 
 // The shared object exports the C functions and their namespaced twins, and
