@@ -72,7 +72,16 @@ TEST(TrackerBinding, CalibrationFromTheTrackerDrivesDepth) {
             std::string::npos)
       << printed;
 
+  // One camera is no stereo pair: refused after the dump, and a good record binds afterwards.
   int working = 0;
+  g_calibration.num_cameras = 1;
+  printed = LumoTest::captureStdout([&] { status = KORV_LUMO_D_BindNavra(handle, &working); });
+  EXPECT_EQ(status, 1);
+  EXPECT_NE(printed.find("[ ERROR] initCameraFromCalib(): initCameraFromCalib: no extrinsics found\n"),
+            std::string::npos)
+      << printed;
+  g_calibration.num_cameras = 2;
+
   printed = LumoTest::captureStdout([&] { status = KORV_LUMO_D_BindNavra(handle, &working); });
   ASSERT_EQ(status, 0) << printed;
   EXPECT_EQ(printed.rfind("[Camera Chain]\nNumber of cameras: 2\n", 0), 0u) << printed;
