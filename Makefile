@@ -32,16 +32,17 @@ test-tsan: deps
 
 # The soak: one handle with a stereo feeder, a colour-and-pose feeder and
 # getter threads, filters, alignment and point clouds on, for SOAK_FRAMES
-# frames in each alignment direction; then a shorter run under ThreadSanitizer.
+# frames in each alignment direction; then a shorter, slower-fed run under
+# ThreadSanitizer (which matches a frame in about a second).
 SOAK_FRAMES ?= 5000
-SOAK_TSAN_FRAMES ?= 500
+SOAK_TSAN_FRAMES ?= 600
 soak: build
 	$(BUILD_DIR)/tests/soak/lumo_soak --frames $(SOAK_FRAMES) --align-direction 1
 	$(BUILD_DIR)/tests/soak/lumo_soak --frames $(SOAK_FRAMES) --align-direction 0
 	cmake -S . -B build-tsan $(TSAN_FLAGS)
 	cmake --build build-tsan --target lumo_soak -j$(JOBS)
 	TSAN_OPTIONS=suppressions=$(CURDIR)/tests/support/tsan.supp:halt_on_error=1 \
-	  build-tsan/tests/soak/lumo_soak --frames $(SOAK_TSAN_FRAMES) --time-limit 900 --stall-limit 120 --rss-slack-mb 0
+	  build-tsan/tests/soak/lumo_soak --frames $(SOAK_TSAN_FRAMES) --frame-period-us 50000 --time-limit 900 --stall-limit 120 --rss-slack-mb 0
 
 bench: build
 	$(BUILD_DIR)/bench/lumo_bench

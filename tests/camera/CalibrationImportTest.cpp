@@ -35,6 +35,14 @@ std::size_t countOf(const std::string& text, const std::string& piece) {
 
 bool contains(const std::string& text, const std::string& piece) { return text.find(piece) != std::string::npos; }
 
+// Configures `pipeline` from an existing configuration file; standard output to *printed.
+int initFrom(StereoDepth& pipeline, const std::string& config, std::string* printed = nullptr) {
+  int status = -1;
+  const std::string out = captureStdout([&] { status = pipeline.initFromYaml(config); });
+  if (printed != nullptr) *printed = out;
+  return status;
+}
+
 // ---- Configuration -----------------------------------------------------------
 
 TEST(CalibrationConfig, CalibPathIsTakenRelativeToTheConfigFile) {
@@ -44,9 +52,7 @@ TEST(CalibrationConfig, CalibPathIsTakenRelativeToTheConfigFile) {
   writeText(dir.file("cfg.yaml"), configText(options));
   {
     StereoDepth pipeline;
-    int status = -1;
-    captureStdout([&] { status = pipeline.initFromYaml(dir.file("cfg.yaml")); });
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(initFrom(pipeline, dir.file("cfg.yaml")), 0);
     EXPECT_EQ(Access::kInput(pipeline).size(), 2u);
     EXPECT_EQ(Access::map1(pipeline).size(), 2u);
   }
@@ -56,28 +62,21 @@ TEST(CalibrationConfig, CalibPathIsTakenRelativeToTheConfigFile) {
   writeText(dir.file("cfg_missing.yaml"), configText(options));
   {
     StereoDepth pipeline;
-    int status = -1;
-    const std::string printed = captureStdout([&] { status = pipeline.initFromYaml(dir.file("cfg_missing.yaml")); });
-    EXPECT_EQ(status, 1);
+    std::string printed;
+    EXPECT_EQ(initFrom(pipeline, dir.file("cfg_missing.yaml"), &printed), 1);
     EXPECT_TRUE(contains(printed, "initCameraFromCalibYaml(): file not exits: " + dir.path() + "/sub/missing.yaml\n"))
         << printed;
     EXPECT_TRUE(contains(printed, "[ ERROR] initFromYaml(): init camera failed\n")) << printed;
     EXPECT_TRUE(Access::map1(pipeline).empty());
   }
 
-  // A bare file name: both it and its calibration are looked up from "./".
+  // A bare file name: its calibration is looked up from "./".
   {
     LumoTest::ScopedChdir inDir(dir.path());
     ASSERT_TRUE(inDir.ok());
     StereoDepth pipeline;
-    int status = -1;
-    captureStdout([&] { status = pipeline.initFromYaml("cfg.yaml"); });
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(Access::map1(pipeline).size(), 2u);
-
-    StereoDepth other;
-    const std::string printed = captureStdout([&] { status = other.initFromYaml("cfg_missing.yaml"); });
-    EXPECT_EQ(status, 1);
+    std::string printed;
+    EXPECT_EQ(initFrom(pipeline, "cfg_missing.yaml", &printed), 1);
     EXPECT_TRUE(contains(printed, "file not exits: ./sub/missing.yaml\n")) << printed;
   }
 
@@ -86,52 +85,35 @@ TEST(CalibrationConfig, CalibPathIsTakenRelativeToTheConfigFile) {
   writeText(elsewhere.file("rig.yaml"), calibText(syntheticRig("radtan")));
   options.calibPath = elsewhere.file("rig.yaml");
   writeText(dir.file("absolute.yaml"), configText(options));
-  {
-    StereoDepth pipeline;
-    int status = -1;
-    captureStdout([&] { status = pipeline.initFromYaml(dir.file("absolute.yaml")); });
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(Access::map1(pipeline).size(), 2u);
-  }
+  StereoDepth pipeline;
+  EXPECT_EQ(initFrom(pipeline, dir.file("absolute.yaml")), 0);
+  EXPECT_EQ(Access::map1(pipeline).size(), 2u);
 }
 
-TEST(CalibrationConfig, WorkingSizesAndEngines) {
+// No calibration named: sizes are derived, nothing else is built, not even engines.
+TEST(CalibrationConfig, WorkingSizesWithoutACalibration) {
   TempDir dir;
   ConfigOptions options;
   options.width = 1281;
   options.height = 801;
   options.scaling = 0.5f;
   options.threadNum = 2;
-  {
-    // No calibration named: sizes are derived, nothing else is built.
-    StereoDepth pipeline;
-    ASSERT_EQ(configure(pipeline, dir, options, {}), 0);
-    const auto& scaled = Access::scaledSizes(pipeline);
-    ASSERT_EQ(scaled.size(), 3u);
-    // 1281 * 0.5 = 640.5 and 801 * 0.5 = 400.5, truncated.
-    EXPECT_EQ(scaled[0].width, 640);
-    EXPECT_EQ(scaled[0].height, 400);
-    EXPECT_EQ(scaled[1].width, 640);
-    EXPECT_EQ(scaled[2].width, 1920);  // auxiliary camera at its default size and scale
-    EXPECT_EQ(scaled[2].height, 1080);
-    EXPECT_EQ(Access::scaleRatios(pipeline)[0], 640.0f / 1281.0f);
-    EXPECT_EQ(Access::scaleRatios(pipeline)[2], 1.0f);
-    EXPECT_EQ(pipeline.engineCount(), 0u);
-    EXPECT_TRUE(Access::map1(pipeline).empty());
-    EXPECT_TRUE(Access::kInput(pipeline).empty());
-    EXPECT_TRUE(Access::P1(pipeline).empty());
-  }
-
-  // With a calibration: thread_num engines, none for 0.
-  options.width = 1280;
-  options.height = 800;
-  for (int threads : {0, 2}) {
-    options.threadNum = threads;
-    StereoDepth pipeline;
-    ASSERT_EQ(configure(pipeline, dir, options, syntheticRig("radtan")), 0);
-    EXPECT_EQ(pipeline.engineCount(), static_cast<std::size_t>(threads));
-    EXPECT_EQ(Access::map1(pipeline).size(), 2u);
-  }
+  StereoDepth pipeline;
+  ASSERT_EQ(configure(pipeline, dir, options, {}), 0);
+  const auto& scaled = Access::scaledSizes(pipeline);
+  ASSERT_EQ(scaled.size(), 3u);
+  // 1281 * 0.5 = 640.5 and 801 * 0.5 = 400.5, truncated.
+  EXPECT_EQ(scaled[0].width, 640);
+  EXPECT_EQ(scaled[0].height, 400);
+  EXPECT_EQ(scaled[1].width, 640);
+  EXPECT_EQ(scaled[2].width, 1920);  // auxiliary camera at its default size and scale
+  EXPECT_EQ(scaled[2].height, 1080);
+  EXPECT_EQ(Access::scaleRatios(pipeline)[0], 640.0f / 1281.0f);
+  EXPECT_EQ(Access::scaleRatios(pipeline)[2], 1.0f);
+  EXPECT_EQ(pipeline.engineCount(), 0u);
+  EXPECT_TRUE(Access::map1(pipeline).empty());
+  EXPECT_TRUE(Access::kInput(pipeline).empty());
+  EXPECT_TRUE(Access::P1(pipeline).empty());
 }
 
 // ---- The two imports agree ---------------------------------------------------
@@ -143,6 +125,7 @@ TEST(CalibrationImport, FileAndRecordFillTheSameLists) {
     TempDir dir;
     ConfigOptions options;
     options.scaling = 0.5f;
+    options.threadNum = std::string(model) == "radtan" ? 2 : 0;  // engines built or rebuilt: that many, none for 0
     StereoDepth fromFile;
     ASSERT_EQ(configure(fromFile, dir, options, rig), 0);
     StereoDepth fromRecord;
@@ -152,6 +135,8 @@ TEST(CalibrationImport, FileAndRecordFillTheSameLists) {
     ASSERT_EQ(status, 0);
 
     for (StereoDepth* pipeline : {&fromFile, &fromRecord}) {
+      EXPECT_EQ(pipeline->engineCount(), static_cast<std::size_t>(options.threadNum))
+          << (pipeline == &fromFile ? "file" : "record");
       ASSERT_EQ(Access::kInput(*pipeline).size(), 2u);
       ASSERT_EQ(Access::kProc(*pipeline).size(), 2u);
       ASSERT_EQ(Access::distortion(*pipeline).size(), 2u);
@@ -358,7 +343,6 @@ TEST(CalibrationImport, TrackerRecordIsDumpedInFull) {
   ASSERT_EQ(none.substr(0, expected.size()), expected);
   expectErrorLine(none.substr(expected.size()), "initCameraFromCalib: no extrinsics found");
   EXPECT_TRUE(Access::kInput(pipeline).empty());
-
 }
 
 // ---- Fatal and failing models ------------------------------------------------
@@ -468,8 +452,7 @@ TEST(CalibrationImport, UnknownModelOnReimportFailsTheRectification) {
   writeText(dir.file("pinhole.yaml"), calibText(rig));
   options.calibPath = "pinhole.yaml";
   writeText(dir.file("again.yaml"), configText(options));
-  printed = captureStdout([&] { status = pipeline.initFromYaml(dir.file("again.yaml")); });
-  EXPECT_EQ(status, 1);
+  EXPECT_EQ(initFrom(pipeline, dir.file("again.yaml"), &printed), 1);
   EXPECT_TRUE(contains(printed, "initRectifyMap(): unrecognized camera model!\n")) << printed;
   EXPECT_FALSE(contains(printed, "init camera failed")) << printed;
   EXPECT_EQ(Access::engine(pipeline, 0), engine);
@@ -477,35 +460,29 @@ TEST(CalibrationImport, UnknownModelOnReimportFailsTheRectification) {
 
 // ---- Depth ray table ---------------------------------------------------------
 
+// With no distortion every entry is the pinhole ray ((u - cx) / fx, (v - cy) / fy).
+// One case per table geometry; the model only has to be accepted.
 TEST(DepthTable, DistortionFreeCameraGivesPinholeRays) {
-  struct Case {
-    const char* model;
-    std::vector<double> coeffs;
-    int restore;
-  };
-  const Case cases[] = {{"radtan", {0, 0, 0, 0}, 1},
-                        {"radtan", {0, 0, 0, 0}, 0},
-                        {"cvbasic", {0, 0, 0, 0, 0}, 1},
-                        {"cvbasic", {0, 0, 0, 0, 0}, 0}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.model) + " restore_depth_dim " + std::to_string(c.restore));
+  const std::pair<const char*, int> cases[] = {{"radtan", 1}, {"cvbasic", 0}};
+  for (const auto& [model, restore] : cases) {
+    SCOPED_TRACE(std::string(model) + " restore_depth_dim " + std::to_string(restore));
     std::vector<CameraSpec> rig = syntheticRig("radtan");
     for (CameraSpec& cam : rig) {
-      cam.model = c.model;
-      cam.coeffs = c.coeffs;
+      cam.model = model;
+      cam.coeffs.assign(std::string(model) == "cvbasic" ? 5 : 4, 0.0);
     }
     TempDir dir;
     ConfigOptions options;
     options.scaling = 0.5f;
-    options.restoreDepthDim = c.restore;
+    options.restoreDepthDim = restore;
     StereoDepth pipeline;
     ASSERT_EQ(configure(pipeline, dir, options, rig), 0);
 
     // Restored results live at the 1280x800 input (calibration x2), the others
     // at the 640x400 working size (calibration x1).
-    const int W = c.restore ? 1280 : 640;
-    const int H = c.restore ? 800 : 400;
-    const double s = c.restore ? 2.0 : 1.0;
+    const int W = restore ? 1280 : 640;
+    const int H = restore ? 800 : 400;
+    const double s = restore ? 2.0 : 1.0;
     const double fx = rig[0].fx * s, fy = rig[0].fy * s, cx = rig[0].cx * s, cy = rig[0].cy * s;
     const std::vector<float>& lut = Access::depthLut(pipeline);
     ASSERT_EQ(lut.size(), 2u * W * H);
@@ -525,15 +502,30 @@ TEST(DepthTable, DistortionFreeCameraGivesPinholeRays) {
 
 TEST(DepthTable, CalibrationFileShapes) {
   TempDir dir;
-  ConfigOptions options;
+  const ConfigOptions options;
   const std::vector<CameraSpec> rig = syntheticRig("radtan");
 
-  // Five radtan coefficients: all five kept.
+  // Transforms under cam0 and cam2 but not cam1, and five radtan coefficients
+  // for cam0. Each transform prints one "calib: " block and is kept in file
+  // order, so cam0's serves as camera 0 -> 1; only cam1's would set the
+  // baseline. All five coefficients are kept.
   {
-    std::vector<CameraSpec> five = rig;
-    five[0].coeffs.push_back(-0.0078125);
+    std::vector<CameraSpec> cams = rig;
+    std::swap(cams[0].hasTransform, cams[1].hasTransform);
+    std::swap(cams[0].T, cams[1].T);
+    cams[0].coeffs.push_back(-0.0078125);
+    cams.push_back(rig[1]);
+    cams[2].T(0, 3) = -0.5;
+    cams[2].height = 360;  // the auxiliary slot: 1920x1080 is 640x360 x3
     StereoDepth pipeline;
-    ASSERT_EQ(configure(pipeline, dir, options, five), 0);
+    std::string printed;
+    ASSERT_EQ(configure(pipeline, dir, options, cams, &printed), 0);
+    EXPECT_EQ(countOf(printed, "calib: "), 2u) << printed;
+    ASSERT_EQ(Access::transforms(pipeline).size(), 2u);
+    EXPECT_EQ(Access::transforms(pipeline)[0](0, 3), -0.1);
+    EXPECT_EQ(Access::transforms(pipeline)[1](0, 3), -0.5);
+    EXPECT_EQ(Access::baseline(pipeline), 0.0f);
+    EXPECT_EQ(Access::kInput(pipeline).size(), 3u);
     const cv::Mat& D = Access::distortion(pipeline)[0];
     ASSERT_EQ(D.total(), 5u);
     EXPECT_EQ(D.at<double>(4), -0.0078125);
@@ -541,54 +533,22 @@ TEST(DepthTable, CalibrationFileShapes) {
   }
 
   // cam0 and cam2 without cam1: only camera 0 is imported.
-  {
-    StereoDepth pipeline;
-    ASSERT_EQ(configure(pipeline, dir, options, {}), 0);
-    std::vector<CameraSpec> gap = rig;
-    gap[1].model = "equidistant";
-    writeText(dir.file("gap.yaml"), calibText(gap, {0, 2}));
-    int status = -1;
-    const std::string printed = captureStdout([&] { status = pipeline.initCameraFromCalibYaml(dir.file("gap.yaml")); });
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(Access::kInput(pipeline).size(), 1u);
-    EXPECT_EQ(Access::models(pipeline), std::vector<int>{kCamModelRadtan});
-    EXPECT_TRUE(Access::transforms(pipeline).empty());
-    EXPECT_FALSE(contains(printed, "calib: "));
-    EXPECT_EQ(Access::depthLut(pipeline).size(), 2u * 1280 * 800);
-    // A single camera cannot be rectified; nothing is built.
-    EXPECT_EQ(pipeline.initRectifyMap(), 1);
-    EXPECT_TRUE(Access::map1(pipeline).empty());
-  }
-
-  // Three cameras, two transforms: one "calib: " block each, the baseline from cam1.
-  {
-    std::vector<CameraSpec> three = rig;
-    three.push_back(rig[1]);
-    three[2].T(0, 3) = -0.5;
-    three[2].height = 360;  // the auxiliary slot: 1920x1080 is 640x360 x3
-    StereoDepth pipeline;
-    std::string printed;
-    ASSERT_EQ(configure(pipeline, dir, options, three, &printed), 0);
-    EXPECT_EQ(countOf(printed, "calib: "), 2u) << printed;
-    EXPECT_EQ(Access::transforms(pipeline).size(), 2u);
-    EXPECT_EQ(Access::transforms(pipeline)[1](0, 3), -0.5);
-    EXPECT_EQ(Access::kInput(pipeline).size(), 3u);
-    EXPECT_FLOAT_EQ(Access::baseline(pipeline), std::sqrt(0.1f * 0.1f + 0.003f * 0.003f + 0.002f * 0.002f));
-  }
-
-  // A transform under cam0 and none under cam1: taken as camera 0 -> 1, no baseline.
-  {
-    std::vector<CameraSpec> swapped = rig;
-    std::swap(swapped[0].hasTransform, swapped[1].hasTransform);
-    std::swap(swapped[0].T, swapped[1].T);
-    StereoDepth pipeline;
-    std::string printed;
-    ASSERT_EQ(configure(pipeline, dir, options, swapped, &printed), 0);
-    EXPECT_EQ(countOf(printed, "calib: "), 1u) << printed;
-    ASSERT_EQ(Access::transforms(pipeline).size(), 1u);
-    EXPECT_EQ(Access::transforms(pipeline)[0](0, 3), -0.1);
-    EXPECT_EQ(Access::baseline(pipeline), 0.0f);
-  }
+  StereoDepth pipeline;
+  ASSERT_EQ(configure(pipeline, dir, options, {}), 0);
+  std::vector<CameraSpec> gap = rig;
+  gap[1].model = "equidistant";
+  writeText(dir.file("gap.yaml"), calibText(gap, {0, 2}));
+  int status = -1;
+  const std::string printed = captureStdout([&] { status = pipeline.initCameraFromCalibYaml(dir.file("gap.yaml")); });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(Access::kInput(pipeline).size(), 1u);
+  EXPECT_EQ(Access::models(pipeline), std::vector<int>{kCamModelRadtan});
+  EXPECT_TRUE(Access::transforms(pipeline).empty());
+  EXPECT_FALSE(contains(printed, "calib: "));
+  EXPECT_EQ(Access::depthLut(pipeline).size(), 2u * 1280 * 800);
+  // A single camera cannot be rectified; nothing is built.
+  EXPECT_EQ(pipeline.initRectifyMap(), 1);
+  EXPECT_TRUE(Access::map1(pipeline).empty());
 }
 
 }  // namespace

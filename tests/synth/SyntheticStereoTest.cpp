@@ -43,12 +43,6 @@ std::vector<cv::Point2d> cvProject(const Camera& cam, const std::vector<cv::Poin
   return pixels;
 }
 
-Eigen::Isometry3d toIsometry(const Eigen::Matrix4d& m) {
-  Eigen::Isometry3d T = Eigen::Isometry3d::Identity();
-  T.matrix() = m;
-  return T;
-}
-
 double bilinear(const cv::Mat& img, double x, double y) {
   cv::Mat patch;
   cv::getRectSubPix(img, cv::Size(1, 1), cv::Point2f(static_cast<float>(x), static_cast<float>(y)), patch, CV_32F);
@@ -226,13 +220,14 @@ TEST(SynthEdges, BoxOutlineAndDepthWhereOpenCVProjectsThem) {
   ASSERT_TRUE(leftPose(scene, frame).isApprox(T_world_left, 1e-15));
 
   const Rig pin = pinholeRig(640, 400), fish = fisheyeRig(640, 400);
-  const std::pair<Rig, int> cases[] = {{pin, 0}, {pin, 1}, {fish, 0}, {fish, 1}, {withColourCamera(pin, 800, 450), 2}};
+  // Camera 1 of one rig only: cameras are placed the same way whatever their lens.
+  const std::pair<Rig, int> cases[] = {{pin, 0}, {fish, 0}, {fish, 1}, {withColourCamera(pin, 800, 450), 2}};
   for (const auto& [rig, camera] : cases) {
     SCOPED_TRACE(std::string(rig.cameras[0].model == LensModel::Radtan ? "pinhole" : "fisheye") + " rig, camera " +
                  std::to_string(camera));
     const Camera& cam = rig.cameras[camera];
     Eigen::Isometry3d T_cam_left = Eigen::Isometry3d::Identity();
-    for (int i = 1; i <= camera; ++i) T_cam_left = toIsometry(rig.cameras[i].T_cn_cnm1) * T_cam_left;
+    for (int i = 1; i <= camera; ++i) T_cam_left = Eigen::Isometry3d(rig.cameras[i].T_cn_cnm1) * T_cam_left;
     const Eigen::Isometry3d T_cam_world = T_cam_left * T_world_left.inverse();
 
     const cv::Mat image = floatGrey(renderView(makeRenderer(rig, 4), scene, frame, camera));
