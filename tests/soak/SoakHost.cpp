@@ -379,7 +379,13 @@ int main(int argc, char** argv) {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
   }
   shared.feeding.store(false);
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the last frames come through
+  // The last frames come through; a slow (sanitized) build gets up to a minute
+  // for its first depth and cloud.
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const Clock::time_point drained = Clock::now();
+  while ((shared.depthReads.load() == 0 || shared.cloudReads.load() == 0) && secondsSince(drained) < 60.0) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
   curve.emplace_back(secondsSince(start), residentMb());
   curveFrames.push_back(shared.stereoFed.load());
   shared.done.store(true);
