@@ -114,12 +114,8 @@ TEST_P(RectifiedRows, ScenePointsShareARowAndGiveTheirDepth) {
     cv::convertMaps(m1, m2, maps[i], cv::noArray(), CV_32FC2);
   }
 
-  cv::Matx33d R;
-  cv::Vec3d t;
-  for (int r = 0; r < 3; ++r) {
-    for (int c = 0; c < 3; ++c) R(r, c) = cams[1].T(r, c);
-    t[r] = cams[1].T(r, 3);
-  }
+  const cv::Matx33d R = cams[1].T.get_minor<3, 3>(0, 0);
+  const cv::Vec3d t(cams[1].T(0, 3), cams[1].T(1, 3), cams[1].T(2, 3));
   const cv::Matx33d R1 = Access::R1(pipeline);
   const double fB = -Access::P2(pipeline).at<double>(0, 3);  // rectified focal length x baseline
   ASSERT_GT(fB, 0.0);
@@ -170,12 +166,8 @@ TEST(RectifyInfo, ProjectionsDescribeTheHostImagesWhenRestored) {
   // size: calibration x2 for the input, x0.5 for the work.
   const cv::Matx33d K0(cams[0].fx, 0, cams[0].cx, 0, cams[0].fy, cams[0].cy, 0, 0, 1);
   const cv::Matx33d K1(cams[1].fx, 0, cams[1].cx, 0, cams[1].fy, cams[1].cy, 0, 0, 1);
-  cv::Matx33d R;
-  cv::Vec3d t;
-  for (int r = 0; r < 3; ++r) {
-    for (int c = 0; c < 3; ++c) R(r, c) = cams[1].T(r, c);
-    t[r] = cams[1].T(r, 3);
-  }
+  const cv::Matx33d R = cams[1].T.get_minor<3, 3>(0, 0);
+  const cv::Vec3d t(cams[1].T(0, 3), cams[1].T(1, 3), cams[1].T(2, 3));
   cv::Mat R1, R2, P1, P2, Q;
   const cv::Mat zero = cv::Mat::zeros(5, 1, CV_64F);
   cv::stereoRectify(K0, zero, K1, zero, cv::Size(640, 400), R, t, R1, R2, P1, P2, Q, cv::CALIB_ZERO_DISPARITY, 0.0,

@@ -146,46 +146,6 @@ TEST(KesTemporalFilter, MatchesPlainReferenceOverManyFrames) {
   }
 }
 
-TEST(KesTemporalFilter, PersistenceThreeFillsAHoleForThreeFrames) {
-  KesTemporalFilter filter;
-  ASSERT_EQ(filter.initFilter({0.4f, 20.0f, 3.0f}), 0);
-  // The first frame is copied as it is; the second is blended with it.
-  EXPECT_EQ(run(filter, {5.0f, 0.0f}, 2, 1), (std::vector<float>{5.0f, 0.0f}));
-  const float second = run(filter, {6.0f, 0.0f}, 2, 1)[0];
-  EXPECT_EQ(second, 6.0f * 0.4f + 5.0f * (1.0f - 0.4f));
-  // Frames 1 and 2 are two of the four frames before frames 3, 4 and 5, but
-  // only one of the four before frame 6.
-  for (int frame = 3; frame <= 8; ++frame) {
-    const std::vector<float> out = run(filter, {0.0f, 0.0f}, 2, 1);
-    EXPECT_EQ(out[0], frame <= 5 ? second : 0.0f) << "frame " << frame;
-    EXPECT_EQ(out[1], 0.0f);
-  }
-}
-
-TEST(KesTemporalFilter, JumpKeepsOnlyTheCurrentValidityBit) {
-  KesTemporalFilter filter;
-  // Persistence 2: valid in two of the last three frames. Pixel 0 jumps by 40
-  // in frame 3, pixel 1 moves by 2; both are holes in frame 4.
-  ASSERT_EQ(filter.initFilter({0.4f, 20.0f, 2.0f}), 0);
-  run(filter, {10.0f, 10.0f}, 2, 1);
-  run(filter, {10.0f, 10.0f}, 2, 1);
-  const std::vector<float> third = run(filter, {50.0f, 12.0f}, 2, 1);
-  EXPECT_EQ(third[0], 50.0f);
-  EXPECT_EQ(run(filter, {0.0f, 0.0f}, 2, 1), (std::vector<float>{0.0f, third[1]}));
-}
-
-TEST(KesTemporalFilter, SettersKeepStoredValuesUntilTheSizeChanges) {
-  KesTemporalFilter filter;
-  filter.on_set_persistence_control(8);  // always fill
-  run(filter, {5.0f}, 1, 1);
-  filter.on_set_alpha(0.5f);
-  EXPECT_EQ(run(filter, {0.0f}, 1, 1)[0], 5.0f);
-  filter.on_set_delta(3.0f);
-  filter.on_set_persistence_control(8);
-  EXPECT_EQ(run(filter, {0.0f}, 1, 1)[0], 5.0f);
-  EXPECT_EQ(run(filter, {0.0f}, 1, 1, 8)[0], 0.0f);  // new stride: values zeroed
-}
-
 TEST(KesTemporalFilter, InitFilterWithWrongCountChangesNothing) {
   KesTemporalFilter filter, twin;
   ASSERT_EQ(filter.initFilter({0.5f, 10.0f, 8.0f}), 0);

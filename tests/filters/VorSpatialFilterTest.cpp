@@ -19,7 +19,8 @@ class HoleFillingSpatialFilter : public VorSpatialFilter {
   explicit HoleFillingSpatialFilter(uint8_t radius) { holeFillRadius_ = radius; }
 };
 
-LumoDepthImage wrap(std::vector<float>& px, uint32_t width, uint32_t height) {
+std::vector<float> filtered(VorSpatialFilter& filter, std::vector<float> px, uint32_t width,
+                            uint32_t height) {
   LumoDepthImage image{};
   image.width = width;
   image.height = height;
@@ -27,12 +28,6 @@ LumoDepthImage wrap(std::vector<float>& px, uint32_t width, uint32_t height) {
   image.stride = width * 4;
   image.size = width * height * 4;
   image.data = px.data();
-  return image;
-}
-
-std::vector<float> filtered(VorSpatialFilter& filter, std::vector<float> px, uint32_t width,
-                            uint32_t height) {
-  LumoDepthImage image = wrap(px, width, height);
   EXPECT_EQ(filter.processFrame(&image), 0);
   return px;
 }
@@ -123,6 +118,8 @@ std::vector<float> randomDepth(std::mt19937& rng, size_t w, size_t h) {
   return img;
 }
 
+// Sizes around the 16-row lanes and 32-column blocks, single rows and columns;
+// iteration counts truncated (3.7) or zero, hole filling off and on.
 TEST(VorSpatialFilter, MatchesPlainReferenceBitForBit) {
   const size_t sizes[][2] = {{1, 1},  {1, 9},  {9, 1},  {2, 1},   {1, 2},   {2, 2},  {3, 5},
                              {17, 3}, {64, 8}, {65, 9}, {66, 17}, {131, 7}, {7, 64}, {200, 33}};
@@ -150,58 +147,7 @@ TEST(VorSpatialFilter, MatchesPlainReferenceBitForBit) {
   }
 }
 
-TEST(VorSpatialFilter, OneRowKeepsHolesAndNeverWritesTheLastPixel) {
-  VorSpatialFilter filter;
-  ASSERT_EQ(filter.initFilter({0.5f, 20.0f, 1.0f}), 0);
-  // Left to right: 1.1 blends with 1.0; the hole cuts the chain; 1.2 is not
-  // visited. Right to left: 1.2 seeds prev, the hole cuts it again, so 1.0
-  // blends with the already smoothed middle pixel.
-  std::vector<float> row = filtered(filter, {1.0f, 1.1f, 0.0f, 1.2f}, 4, 1);
-  const float middle = 1.1f * 0.5f + 1.0f * 0.5f;
-  EXPECT_EQ(row, (std::vector<float>{1.0f * 0.5f + middle * 0.5f, middle, 0.0f, 1.2f}));
-
-  // Without a hole before it the last pixel would be blended if it were visited.
-  row = filtered(filter, {1.0f, 2.0f, 3.0f}, 3, 1);
-  EXPECT_EQ(row[2], 3.0f);
-  EXPECT_NE(row[1], 2.0f);
-}
-
-TEST(VorSpatialFilter, DeltaIsInclusiveAlongRowsAndStrictAlongColumns) {
-  VorSpatialFilter filter;
-  ASSERT_EQ(filter.initFilter({0.5f, 20.0f, 1.0f}), 0);
-  // Right to left only (width 2): |30 - 10| = 20 is smoothed to 20.
-  EXPECT_EQ(filtered(filter, {10.0f, 30.0f}, 2, 1), (std::vector<float>{20.0f, 30.0f}));
-  // Left to right: 30 -> 20. Right to left: 20 -> 25, then 10 -> 17.5.
-  EXPECT_EQ(filtered(filter, {10.0f, 30.0f, 30.0f}, 3, 1),
-            (std::vector<float>{17.5f, 25.0f, 30.0f}));
-  // The same step down a column is kept in both directions.
-  EXPECT_EQ(filtered(filter, {10.0f, 30.0f}, 1, 2), (std::vector<float>{10.0f, 30.0f}));
-
-  // Steps of 30 between 2x2 blocks: nothing is smoothed in any direction.
-  std::vector<float> blocks = {10, 10, 40, 40, 10, 10, 40, 40, 40, 40, 10, 10, 40, 40, 10, 10};
-  EXPECT_EQ(filtered(filter, blocks, 4, 4), blocks);
-}
-
-TEST(VorSpatialFilter, TopToBottomBlendsIntoHoles) {
-  VorSpatialFilter filter;
-  ASSERT_EQ(filter.initFilter({0.5f, 20.0f, 1.0f}), 0);
-  // Down: the hole becomes 0.5 * 5 + 0.5 * 0 = 2.5. Up: 5 * 0.5 + 2.5 * 0.5 = 3.75.
-  EXPECT_EQ(filtered(filter, {5.0f, 0.0f}, 1, 2), (std::vector<float>{3.75f, 2.5f}));
-  // Up never blends with a hole; down pulls the valid pixel toward zero.
-  EXPECT_EQ(filtered(filter, {0.0f, 5.0f}, 1, 2), (std::vector<float>{0.0f, 2.5f}));
-}
-
-TEST(VorSpatialFilter, HoleFillRadiusFillsFewerPixelsThanTheRadius) {
-  HoleFillingSpatialFilter filter(3);
-  ASSERT_EQ(filter.initFilter({0.5f, 20.0f, 1.0f}), 0);
-  // Left to right: 5 fills two holes (counter 1, 2 < 3) and stops at the third:
-  //   5 5 5 0 0 7 8.  Right to left: 8 and 7 blend to 7.5, which fills the
-  //   next two holes, then 5 -> 6.25, 5 -> 5.625, 5 -> 5.3125.
-  EXPECT_EQ(filtered(filter, {5, 0, 0, 0, 0, 7, 8}, 7, 1),
-            (std::vector<float>{5.3125f, 5.625f, 6.25f, 7.5f, 7.5f, 7.5f, 8.0f}));
-}
-
-TEST(VorSpatialFilter, InitFilterChecksCountAndZeroIterationsKeepTheImage) {
+TEST(VorSpatialFilter, InitFilterWithWrongCountChangesNothing) {
   std::mt19937 rng(7);
   const std::vector<float> input = randomDepth(rng, 23, 11);
 
@@ -216,9 +162,6 @@ TEST(VorSpatialFilter, InitFilterChecksCountAndZeroIterationsKeepTheImage) {
   }
   EXPECT_EQ(filtered(filter, input, 23, 11), filtered(twin, input, 23, 11));
   EXPECT_NE(filtered(filter, input, 23, 11), input);
-
-  ASSERT_EQ(filter.initFilter({0.3f, 6.0f, 0.9f}), 0);  // truncated to 0 rounds
-  EXPECT_EQ(filtered(filter, input, 23, 11), input);
 }
 
 }  // namespace

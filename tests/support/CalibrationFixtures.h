@@ -38,7 +38,6 @@ struct StereoDepthTestAccess {
   static auto& map1(StereoDepth& p) { return p.rectMap1List_; }
   static auto& map2(StereoDepth& p) { return p.rectMap2List_; }
   static cv::Mat& R1(StereoDepth& p) { return p.rectR1_; }
-  static cv::Mat& R2(StereoDepth& p) { return p.rectR2_; }
   static cv::Mat& P1(StereoDepth& p) { return p.rectP1_; }
   static cv::Mat& P2(StereoDepth& p) { return p.rectP2_; }
   static auto& scaledSizes(StereoDepth& p) { return p.scaledSizes_; }
@@ -52,10 +51,8 @@ struct StereoDepthTestAccess {
   static int pointCount(StereoDepth& p) { return p.pointCount_; }
   static uint64_t cloudTimestamp(StereoDepth& p) { return p.cloudTimestamp_; }
   static int& depthResultCount(StereoDepth& p) { return p.depthResultCount_; }
-  static float depthImageScale(StereoDepth& p) { return p.depthImageScale_; }
   static LumoUtils::LumoPoseRing& poseRing(StereoDepth& p) { return *p.poseRing_; }
   static int& moduleEnabled(StereoDepth& p) { return p.moduleEnabled_; }
-  static int& restoreDepthDim(StereoDepth& p) { return p.restoreDepthDim_; }
   static float& pointcloudROI(StereoDepth& p) { return p.pointcloudROI_; }
   static int& skipPoint(StereoDepth& p) { return p.skipPoint_; }
   static float& farthestDist(StereoDepth& p) { return p.farthestDist_; }

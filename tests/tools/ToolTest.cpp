@@ -121,24 +121,37 @@ TEST_F(ToolSequence, SynthWritesFramesTruthCalibrationAndAFullConfiguration) {
   EXPECT_NE(text.find("\nasync_mode: 0"), std::string::npos);
 }
 
-TEST_F(ToolSequence, RunWritesMetricDepthPicturesAndClouds) {
+TEST_F(ToolSequence, RunWritesMetricDepthPicturesAndCloudsThatEvalScores) {
   const std::string out = runInto("out");
+  // Eval's figures computed plainly: pixels with both depths for errors,
+  // ground-truth pixels right of the 32-column band (320 / 10) for density.
+  const int band = kWidth / 10;
+  std::vector<double> relative;
+  long long within2 = 0, visible = 0, covered = 0;
   for (int n = 0; n < kFrames; ++n) {
     const cv::Mat mm = cv::imread(numbered(out, "depth_", n, ".png"), cv::IMREAD_UNCHANGED);
     ASSERT_EQ(mm.type(), CV_16UC1);
     ASSERT_EQ(mm.size(), cv::Size(kWidth, kHeight));
-    // Millimetres: the median over pixels with both depths is within 5 % of the truth in metres.
     const cv::Mat truth = LumoSynth::readDepth(numbered(sample(), "depth_", n, ".ldep"));
-    std::vector<double> relative;
+    std::vector<double> frame;
     for (int v = 0; v < kHeight; ++v) {
       for (int u = 0; u < kWidth; ++u) {
         const double d = mm.at<uint16_t>(v, u) / 1000.0, z = truth.at<float>(v, u);
-        if (d > 0.0 && z > 0.0) relative.push_back(std::fabs(d - z) / z);
+        if (z <= 0.0) continue;
+        if (u >= band) {
+          ++visible;
+          covered += d > 0.0;
+        }
+        if (d <= 0.0) continue;
+        frame.push_back(std::fabs(d - z) / z);
+        within2 += frame.back() <= 0.02;
       }
     }
-    ASSERT_GT(relative.size(), static_cast<std::size_t>(kWidth * kHeight / 2));
-    std::nth_element(relative.begin(), relative.begin() + relative.size() / 2, relative.end());
-    EXPECT_LT(relative[relative.size() / 2], 0.05) << "frame " << n;
+    // Millimetres: the median over pixels with both depths is within 5 % of the truth in metres.
+    ASSERT_GT(frame.size(), static_cast<std::size_t>(kWidth * kHeight / 2));
+    relative.insert(relative.end(), frame.begin(), frame.end());
+    std::nth_element(frame.begin(), frame.begin() + frame.size() / 2, frame.end());
+    EXPECT_LT(frame[frame.size() / 2], 0.05) << "frame " << n;
 
     const cv::Mat colour = cv::imread(numbered(out, "depth_colour_", n, ".png"));
     EXPECT_EQ(colour.cols, kWidth);
@@ -157,49 +170,15 @@ TEST_F(ToolSequence, RunWritesMetricDepthPicturesAndClouds) {
     EXPECT_EQ(static_cast<int>(numberAfter(ply, "element vertex ")), points);
     EXPECT_EQ(ply.size() - body, static_cast<std::size_t>(points) * 12);
   }
-  const ProgramResult again = tool({"run", config(), sample(), "--out", scratch_.file("limited"), "--limit", "2",
-                                    "--cloud-every", "0"});
-  EXPECT_EQ(again.status, 0) << again.err;
-  EXPECT_NE(again.out.find("2 with depth"), std::string::npos) << again.out;
-  EXPECT_TRUE(fs::exists(numbered(scratch_.file("limited"), "depth_", 1, ".png")));
-  EXPECT_FALSE(fs::exists(numbered(scratch_.file("limited"), "depth_", 2, ".png")));
-  EXPECT_FALSE(fs::exists(numbered(scratch_.file("limited"), "cloud_", 0, ".pcd")));
-}
 
-TEST_F(ToolSequence, EvalAgreesWithAPlainComparison) {
-  const std::string out = runInto("out");
   const ProgramResult r = tool({"eval", out, sample()});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.err, "");
-
-  // The same figures computed plainly: pixels with both depths for errors,
-  // ground-truth pixels right of the 32-column band (320 / 10) for density.
-  const int band = kWidth / 10;
-  std::vector<double> relative;
-  long long within2 = 0, visible = 0, covered = 0;
-  for (int n = 0; n < kFrames; ++n) {
-    const cv::Mat mm = cv::imread(numbered(out, "depth_", n, ".png"), cv::IMREAD_UNCHANGED);
-    const cv::Mat truth = LumoSynth::readDepth(numbered(sample(), "depth_", n, ".ldep"));
-    for (int v = 0; v < kHeight; ++v) {
-      for (int u = 0; u < kWidth; ++u) {
-        const double d = mm.at<uint16_t>(v, u) / 1000.0, z = truth.at<float>(v, u);
-        if (z <= 0.0) continue;
-        if (u >= band) {
-          ++visible;
-          covered += d > 0.0;
-        }
-        if (d <= 0.0) continue;
-        relative.push_back(std::fabs(d - z) / z);
-        within2 += relative.back() <= 0.02;
-      }
-    }
-  }
   std::nth_element(relative.begin(), relative.begin() + relative.size() / 2, relative.end());
   EXPECT_NEAR(numberAfter(r.out, "median relative error"), 100.0 * relative[relative.size() / 2], 0.01) << r.out;
   EXPECT_NEAR(numberAfter(r.out, "within 2 %"), 100.0 * within2 / relative.size(), 0.051) << r.out;
   EXPECT_NEAR(numberAfter(r.out, "density"), 100.0 * covered / visible, 0.051) << r.out;
   EXPECT_NE(r.out.find("32-column left band"), std::string::npos) << r.out;
-
   const cv::Mat heatmap = cv::imread(out + "/error_heatmap.png");
   EXPECT_EQ(heatmap.cols, kWidth);
   EXPECT_GT(heatmap.rows, kHeight);
@@ -215,12 +194,39 @@ TEST_F(ToolSequence, EvalAgreesWithAPlainComparison) {
 
   // The accuracy gate fails when asked for more than the run achieved.
   expectOneLineError(tool({"eval", out, sample(), "--require-median", "0.01"}), "median relative error");
+
+  // A limited run; world-frame clouds need the poses beside the frames.
+  const std::string world = scratch_.file("world");
+  writeText(sample() + "/world.yaml", withKey(readText(config()), "pointcloud_type", "2"));
+  const ProgramResult limited = tool({"run", sample() + "/world.yaml", sample(), "--out", world, "--limit", "2"});
+  EXPECT_EQ(limited.status, 0) << limited.err;
+  EXPECT_NE(limited.out.find("2 with depth"), std::string::npos) << limited.out;
+  EXPECT_TRUE(fs::exists(numbered(world, "cloud_", 1, ".ply")));
+  EXPECT_FALSE(fs::exists(numbered(world, "depth_", 2, ".png")));
 }
 
 // Stacked frames, two folders of single views, side-by-side pairs and a
-// lossless video of the stacked frames are the same pictures: same depth.
-TEST_F(ToolSequence, EveryInputFormGivesTheSameDepth) {
+// lossless video of the stacked frames are the same pictures: same depth. So
+// is polling in asynchronous mode, which must find each frame's own depth.
+TEST_F(ToolSequence, EveryInputFormAndAsynchronousModeGiveTheSameDepth) {
   const std::string stacked = runInto("stacked", {"--cloud-every", "0"});
+  EXPECT_FALSE(fs::exists(numbered(stacked, "cloud_", 0, ".pcd")));
+  const auto expectSameDepth = [&](const std::string& out, const std::string& what) {
+    for (int n = 0; n < kFrames; ++n) {
+      const cv::Mat a = cv::imread(numbered(stacked, "depth_", n, ".png"), cv::IMREAD_UNCHANGED);
+      const cv::Mat b = cv::imread(numbered(out, "depth_", n, ".png"), cv::IMREAD_UNCHANGED);
+      ASSERT_EQ(a.size(), b.size()) << what << " frame " << n;
+      EXPECT_EQ(cv::countNonZero(a != b), 0) << what << " frame " << n;
+    }
+  };
+
+  writeText(sample() + "/async.yaml", withKey(withKey(readText(config()), "async_mode", "1"), "thread_num", "2"));
+  const ProgramResult r = tool({"run", sample() + "/async.yaml", sample(), "--out", scratch_.file("async"),
+                                "--cloud-every", "0"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("asynchronous"), std::string::npos) << r.out;
+  expectSameDepth(scratch_.file("async"), "asynchronous");
+
   const std::string left = scratch_.file("left"), right = scratch_.file("right"), pairs = scratch_.file("pairs");
   fs::create_directories(left);
   fs::create_directories(right);
@@ -248,40 +254,9 @@ TEST_F(ToolSequence, EveryInputFormGivesTheSameDepth) {
     inputs.push_back(videoPath);
   }
   for (std::size_t i = 0; i < inputs.size(); ++i) {
-    const std::string out = runInto("form" + std::to_string(i), {"--cloud-every", "0"}, inputs[i]);
-    for (int n = 0; n < kFrames; ++n) {
-      const cv::Mat a = cv::imread(numbered(stacked, "depth_", n, ".png"), cv::IMREAD_UNCHANGED);
-      const cv::Mat b = cv::imread(numbered(out, "depth_", n, ".png"), cv::IMREAD_UNCHANGED);
-      ASSERT_EQ(a.size(), b.size()) << inputs[i] << " frame " << n;
-      EXPECT_EQ(cv::countNonZero(a != b), 0) << inputs[i] << " frame " << n;
-    }
+    expectSameDepth(runInto("form" + std::to_string(i), {"--cloud-every", "0"}, inputs[i]), inputs[i]);
   }
   if (inputs.size() < 3) GTEST_SKIP() << "no lossless video writer here; folders checked";
-}
-
-// Settings that change how the program drives the library.
-TEST_F(ToolSequence, AsynchronousModeAndWorldFrameClouds) {
-  const std::string sync = runInto("sync", {"--cloud-every", "0"});
-  const std::string base = readText(config());
-
-  // Polling in asynchronous mode finds each frame's own depth.
-  writeText(sample() + "/async.yaml", withKey(withKey(base, "async_mode", "1"), "thread_num", "2"));
-  const ProgramResult r = tool({"run", sample() + "/async.yaml", sample(), "--out", scratch_.file("async"),
-                                "--cloud-every", "0"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("asynchronous"), std::string::npos) << r.out;
-  for (int n = 0; n < kFrames; ++n) {
-    const cv::Mat a = cv::imread(numbered(sync, "depth_", n, ".png"), cv::IMREAD_UNCHANGED);
-    const cv::Mat b = cv::imread(numbered(scratch_.file("async"), "depth_", n, ".png"), cv::IMREAD_UNCHANGED);
-    ASSERT_FALSE(b.empty());
-    EXPECT_EQ(cv::countNonZero(a != b), 0) << "frame " << n;
-  }
-
-  // World-frame clouds need the poses beside the frames; without them every cloud is empty.
-  writeText(sample() + "/world.yaml", withKey(base, "pointcloud_type", "2"));
-  const ProgramResult world = tool({"run", sample() + "/world.yaml", sample(), "--out", scratch_.file("world")});
-  ASSERT_EQ(world.status, 0) << world.err;
-  for (int n = 0; n < kFrames; ++n) EXPECT_TRUE(fs::exists(numbered(scratch_.file("world"), "cloud_", n, ".ply")));
 }
 
 TEST_F(ToolSequence, InfoShowsTheRigAndFlagsSettingsThatLookWrong) {

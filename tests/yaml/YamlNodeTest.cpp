@@ -114,14 +114,10 @@ TEST(YamlNodeTest, TextHelpers) {
   EXPECT_EQ(YamlNode::splitKeyValue("]a: b"), KV("", "]a: b"));  // depth -1 is not top level
   EXPECT_EQ(YamlNode::splitKeyValue(""), KV("", ""));
 
-  EXPECT_EQ(YamlNode::splitInlineSeq("a, [b, c], 'd,e', , f,"),
-            (std::vector<std::string>{"a", "[b, c]", "'d,e'", "f"}));
-
   EXPECT_EQ(describe(YamlNode::parseScalarValue(" \t")), "~");
   EXPECT_EQ(describe(YamlNode::parseScalarValue("'")), R"("'")");
   EXPECT_EQ(describe(YamlNode::parseScalarValue("[")), R"("[")");
   EXPECT_EQ(describe(YamlNode::parseScalarValue("'[a]'")), R"("[a]")");
-  EXPECT_EQ(describe(YamlNode::parseScalarValue("[ 'x, y' ]")), R"(["x, y"])");
 }
 
 TEST(YamlNodeTest, LoadFileAndLookup) {
