@@ -104,7 +104,9 @@ typedef struct LumoRectifyInfo {
 
 /* One camera's lens. 80 bytes. distortion_model: 0 none, 1 equidistant
  * (k1 k2 k3 k4), 2 radtan (k1 k2 p1 p2), 3 five coefficients (k1 k2 p1 p2 k3),
- * 4 rational (k1 k2 p1 p2 k3 k4 k5 k6); unused coefficients are zero. */
+ * 4 rational (k1 k2 p1 p2 k3 k4 k5 k6); unused coefficients are zero. The
+ * import takes 1, 2 and 4 only: any other code is an unknown model, which ends
+ * the process on camera 0 (see the README's table of bad input). */
 typedef struct LumoIntrinsics {
   uint8_t camera_model;       /* producer's projection-model code; carried only */
   uint8_t reserved0[3];
