@@ -36,6 +36,7 @@
 #include <opencv2/core.hpp>
 
 #include "lumetra_depth.h"
+#include "support/ShiftedPair.h"
 #include "synth/SyntheticStereo.h"
 
 namespace {
@@ -152,22 +153,14 @@ struct Frames {
   std::vector<Eigen::Isometry3d> poses;
 };
 
-LumoImage imageRecord(const cv::Mat& image, uint64_t timestamp, uint32_t tag0) {
-  LumoImage record{};
+// A header over the rendered pixels (shared, not copied), with this frame's tags.
+LumoImage imageRecord(cv::Mat image, uint64_t timestamp, uint32_t tag0) {
+  LumoImage record = LumoTest::wrapStacked(image, timestamp);
   record.tag0 = tag0;
   record.tag1 = ~tag0;
-  record.timestamp = timestamp;
-  record.width = static_cast<uint32_t>(image.cols);
-  record.height = static_cast<uint32_t>(image.rows);
-  record.channels = static_cast<uint32_t>(image.channels());
   record.format = 7;
-  record.stride = static_cast<uint32_t>(image.step[0]);
-  record.size = static_cast<uint32_t>(image.total() * image.elemSize());
-  record.data = image.data;
   return record;
 }
-
-void sleepUntil(Clock::time_point when) { std::this_thread::sleep_until(when); }
 
 void stereoFeeder(void* handle, const Options& options, const Frames& frames, Shared& shared) {
   const Clock::time_point start = Clock::now();
@@ -181,7 +174,7 @@ void stereoFeeder(void* handle, const Options& options, const Frames& frames, Sh
     shared.fed[static_cast<std::size_t>(i)].store(1);
     if (KORV_LUMO_D_FeedStereoImage(handle, &record) != 0) shared.failures.add("stereo feed " + std::to_string(i));
     shared.stereoFed.store(i + 1);
-    sleepUntil(start + std::chrono::microseconds(static_cast<int64_t>(options.framePeriodUs) * (i + 1)));
+    std::this_thread::sleep_until(start + std::chrono::microseconds(static_cast<int64_t>(options.framePeriodUs) * (i + 1)));
   }
 }
 
