@@ -12,8 +12,8 @@
 
 namespace KorvLumetra {
 
-// Reaches the plain single-threaded loops of the registration, which the
-// tests compare the threaded ones against and the benchmark times.
+// Reaches the plain single-threaded loops, which the tests compare the
+// threaded ones against and the benchmark times.
 class AlignImagePeer {
  public:
   static void setThreaded(AlignImage& align, bool threaded) { align.parallel_ = threaded; }
@@ -23,39 +23,25 @@ class AlignImagePeer {
 
 namespace LumoTest {
 
-inline LumoIntrinsics pinholeIntrinsics(uint32_t width, uint32_t height, float fx, float fy, float cx, float cy) {
-  LumoIntrinsics in{};
-  in.width = width;
-  in.height = height;
-  in.fx = fx;
-  in.fy = fy;
-  in.cx = cx;
-  in.cy = cy;
-  return in;
-}
-
-inline LumoIntrinsics distorted(LumoIntrinsics in, uint8_t model, std::initializer_list<float> coeffs) {
-  in.distortion_model = model;
+inline LumoIntrinsics camera(uint32_t width, uint32_t height, float fx, float fy, float cx, float cy,
+                             uint8_t model = 0, std::initializer_list<float> coeffs = {}) {
+  LumoIntrinsics in{0, {}, width, height, fx, fy, cx, cy, {}, model, {}, {}};
   int i = 0;
   for (float c : coeffs) in.distortion_coeffs[i++] = c;
   return in;
 }
 
-// Rotation by the vector (rx, ry, rz) (axis times angle, radians), then t.
+// Rotation by the axis-angle vector r (Rodrigues), then translation t.
 inline LumoExtrinsics rigidTransform(double rx, double ry, double rz, float tx, float ty, float tz) {
-  const double angle = std::sqrt(rx * rx + ry * ry + rz * rz);
-  const double k[3] = {angle > 0 ? rx / angle : 1.0, angle > 0 ? ry / angle : 0.0, angle > 0 ? rz / angle : 0.0};
-  const double c = std::cos(angle), s = std::sin(angle);
-  const double skew[3][3] = {{0, -k[2], k[1]}, {k[2], 0, -k[0]}, {-k[1], k[0], 0}};
-  LumoExtrinsics e{};
+  const double a = std::sqrt(rx * rx + ry * ry + rz * rz), c = std::cos(a), s = std::sin(a);
+  const double k[3] = {a > 0 ? rx / a : 0, a > 0 ? ry / a : 0, a > 0 ? rz / a : 0};
+  LumoExtrinsics e{{}, {tx, ty, tz}};
   for (int i = 0; i < 3; ++i) {
     for (int j = 0; j < 3; ++j) {
-      e.rotation[3 * i + j] = static_cast<float>((i == j ? c : 0.0) + s * skew[i][j] + (1 - c) * k[i] * k[j]);
+      const double skew = i == j ? 0 : ((j - i + 3) % 3 == 1 ? -s : s) * k[3 - i - j];
+      e.rotation[3 * i + j] = static_cast<float>((i == j ? c : 0) + skew + (1 - c) * k[i] * k[j]);
     }
   }
-  e.translation[0] = tx;
-  e.translation[1] = ty;
-  e.translation[2] = tz;
   return e;
 }
 
@@ -67,23 +53,19 @@ struct AlignRig {
 };
 
 // A rectified 640x400 depth camera and a 1920x1080 colour camera beside it.
-inline LumoIntrinsics benchDepthCamera() { return pinholeIntrinsics(640, 400, 452.7f, 452.7f, 318.4f, 203.1f); }
-inline LumoIntrinsics benchColourCamera() {
-  return distorted(pinholeIntrinsics(1920, 1080, 1371.5f, 1369.8f, 957.3f, 545.6f), 2, {0.11f, -0.21f, 4e-4f, -3e-4f});
-}
 inline AlignRig benchRig(bool colocated) {
-  const float tx = colocated ? 0.0f : -0.032f;
-  return {colocated ? "colocated" : "offset", benchDepthCamera(), benchColourCamera(),
-          rigidTransform(0.004, -0.012, 0.002, tx, colocated ? 0.0f : 0.0011f, colocated ? 0.0f : 0.0007f)};
+  const float t = colocated ? 0.0f : 1.0f;
+  return {colocated ? "colocated" : "offset", camera(640, 400, 452.7f, 452.7f, 318.4f, 203.1f),
+          camera(1920, 1080, 1371.5f, 1369.8f, 957.3f, 545.6f, 2, {0.11f, -0.21f, 4e-4f, -3e-4f}),
+          rigidTransform(0.004, -0.012, 0.002, -0.032f * t, 0.0011f * t, 0.0007f * t)};
 }
 
 // Depths in metres with holes (0) in about a fifth of the pixels.
 inline std::vector<float> randomDepth(uint32_t width, uint32_t height, uint32_t seed) {
   std::mt19937 rng(seed);
   std::uniform_real_distribution<float> depth(0.3f, 6.0f);
-  std::uniform_int_distribution<int> pick(0, 99);
   std::vector<float> px(static_cast<size_t>(width) * height);
-  for (float& d : px) d = pick(rng) < 20 ? 0.0f : depth(rng);
+  for (float& d : px) d = rng() % 100 < 20 ? 0.0f : depth(rng);
   return px;
 }
 
@@ -95,28 +77,12 @@ inline std::vector<uint8_t> randomBytes(size_t count, uint32_t seed) {
 }
 
 inline LumoDepthImage wrapDepth(std::vector<float>& px, uint32_t width, uint32_t height, uint64_t timestamp = 0) {
-  LumoDepthImage image{};
-  image.timestamp = timestamp;
-  image.width = width;
-  image.height = height;
-  image.channels = 1;
-  image.stride = width * 4;
-  image.size = width * height * 4;
-  image.data = px.data();
-  return image;
+  return {0, 0, timestamp, width, height, 1, 0, 0, width * 4, width * height * 4, px.data()};
 }
 
 inline LumoImage wrapImage(std::vector<uint8_t>& px, uint32_t width, uint32_t height, uint32_t channels,
                            uint16_t format) {
-  LumoImage image{};
-  image.width = width;
-  image.height = height;
-  image.channels = channels;
-  image.format = format;
-  image.stride = width * channels;
-  image.size = image.stride * height;
-  image.data = px.data();
-  return image;
+  return {0, 0, 0, width, height, channels, format, 0, width * channels, width * channels * height, px.data()};
 }
 
 }  // namespace LumoTest

@@ -16,7 +16,7 @@ namespace {
 
 LumoCalibrationParam g_calibration{};
 
-// Record of the tracker for a rendered rig (radtan cameras).
+// The tracker's record of a rendered rig (radtan cameras).
 LumoCalibrationParam recordOf(const LumoSynth::Rig& rig) {
   LumoCalibrationParam record{};
   record.num_cameras = static_cast<uint32_t>(rig.cameras.size());
@@ -25,14 +25,9 @@ LumoCalibrationParam recordOf(const LumoSynth::Rig& rig) {
     LumoCameraCalib& out = record.cameras[i];
     out.camera_id = static_cast<uint8_t>(i);
     out.available_mask = 0x03;
-    out.intrinsics.width = static_cast<uint32_t>(cam.width);
-    out.intrinsics.height = static_cast<uint32_t>(cam.height);
-    out.intrinsics.fx = static_cast<float>(cam.fx);
-    out.intrinsics.fy = static_cast<float>(cam.fy);
-    out.intrinsics.cx = static_cast<float>(cam.cx);
-    out.intrinsics.cy = static_cast<float>(cam.cy);
-    out.intrinsics.distortion_model = 2;
-    for (std::size_t k = 0; k < 4; ++k) out.intrinsics.distortion_coeffs[k] = static_cast<float>(cam.coeffs[k]);
+    out.intrinsics = {0, {}, uint32_t(cam.width), uint32_t(cam.height), float(cam.fx), float(cam.fy),
+                      float(cam.cx), float(cam.cy), {}, 2, {}, {}};
+    for (int k = 0; k < 4; ++k) out.intrinsics.distortion_coeffs[k] = static_cast<float>(cam.coeffs[k]);
     for (int r = 0; r < 3; ++r) {
       for (int c = 0; c < 3; ++c) out.T_cn_cnm1.rotation[3 * r + c] = static_cast<float>(cam.T_cn_cnm1(r, c));
       out.T_cn_cnm1.translation[r] = static_cast<float>(cam.T_cn_cnm1(r, 3));
@@ -56,46 +51,29 @@ namespace {
 TEST(TrackerBinding, CalibrationFromTheTrackerDrivesDepth) {
   // The configuration names no calibration file: it comes from the tracker.
   LumoSynth::Rig rig = LumoSynth::pinholeRig(640, 400);
-  rig.cameras[0].coeffs.resize(4);
-  rig.cameras[1].coeffs.resize(4);
+  for (LumoSynth::Camera& cam : rig.cameras) cam.coeffs.resize(4);  // as many as the record holds
   g_calibration = recordOf(rig);
   LumoTest::TempDir dir;
   LumoTest::HostConfig().set("calib_path", "").write(dir.file("config.yaml"));
   void* handle = nullptr;
   ASSERT_EQ(KORV_LUMO_D_CreateHandleWithConfig(&handle, dir.file("config.yaml").c_str()), 0);
-
-  int failing = 1;
-  int status = 0;
-  std::string printed = LumoTest::captureStdout([&] { status = KORV_LUMO_D_BindNavra(handle, &failing); });
-  EXPECT_EQ(status, 1);
-  EXPECT_NE(printed.find("[ ERROR] KORV_LUMO_D_BindNavra(): Failed to get calib from Navra handle\n"),
-            std::string::npos)
-      << printed;
-
+  const auto bind = [&](int navra, const std::string& message) {
+    int status = -1;
+    const std::string printed = LumoTest::captureStdout([&] { status = KORV_LUMO_D_BindNavra(handle, &navra); });
+    EXPECT_NE(printed.find(message), std::string::npos) << printed;
+    return status;
+  };
+  EXPECT_EQ(bind(1, "[ ERROR] KORV_LUMO_D_BindNavra(): Failed to get calib from Navra handle\n"), 1);
   // One camera is no stereo pair: refused after the dump, and a good record binds afterwards.
-  int working = 0;
   g_calibration.num_cameras = 1;
-  printed = LumoTest::captureStdout([&] { status = KORV_LUMO_D_BindNavra(handle, &working); });
-  EXPECT_EQ(status, 1);
-  EXPECT_NE(printed.find("[ ERROR] initCameraFromCalib(): initCameraFromCalib: no extrinsics found\n"),
-            std::string::npos)
-      << printed;
+  EXPECT_EQ(bind(0, "[ ERROR] initCameraFromCalib(): initCameraFromCalib: no extrinsics found\n"), 1);
   g_calibration.num_cameras = 2;
-
-  printed = LumoTest::captureStdout([&] { status = KORV_LUMO_D_BindNavra(handle, &working); });
-  ASSERT_EQ(status, 0) << printed;
-  EXPECT_EQ(printed.rfind("[Camera Chain]\nNumber of cameras: 2\n", 0), 0u) << printed;
+  ASSERT_EQ(bind(0, "[Camera Chain]\nNumber of cameras: 2\n"), 0);
 
   cv::Mat grey;
-  const cv::Mat stacked =
-      LumoSynth::renderStereo(LumoSynth::makeRenderer(rig, 1), LumoSynth::defaultScene(), 0);
-  cv::cvtColor(stacked, grey, cv::COLOR_BGR2GRAY);
-  LumoImage frame{};
-  frame.timestamp = 5;
-  frame.width = 640;
-  frame.height = 800;
-  frame.channels = 1;
-  frame.data = grey.data;
+  cv::cvtColor(LumoSynth::renderStereo(LumoSynth::makeRenderer(rig, 1), LumoSynth::defaultScene(), 0), grey,
+               cv::COLOR_BGR2GRAY);
+  LumoImage frame{0, 0, 5, 640, 800, 1, 0, 0, 0, 0, grey.data};
   ASSERT_EQ(KORV_LUMO_D_FeedStereoImage(handle, &frame), 0);
   std::vector<float> depth(640 * 400);
   LumoDepthImage record{};

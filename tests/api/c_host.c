@@ -1,39 +1,22 @@
-/* A C translation unit: the public header must compile as C, and the
- * unmangled functions must be callable from it. */
+/* The public header must compile as C, and the unmangled functions must be
+ * callable from it. */
 #include <stddef.h>
 
 #include "lumetra_depth.h"
 
-#define FIELD(record, field) offsetof(record, field)
-
-/* Sizes and offsets as a C compiler lays the records out, in the order the
- * C++ test expects them. */
+/* Sizes and offsets as a C compiler lays the records out, in the C++ test's order. */
 size_t lumo_c_layout(size_t* out) {
-  size_t n = 0;
-  out[n++] = sizeof(LumoImage);
-  out[n++] = FIELD(LumoImage, timestamp);
-  out[n++] = FIELD(LumoImage, format);
-  out[n++] = FIELD(LumoImage, stride);
-  out[n++] = FIELD(LumoImage, data);
-  out[n++] = sizeof(LumoDepthImage);
-  out[n++] = FIELD(LumoDepthImage, data);
-  out[n++] = sizeof(LumoPose);
-  out[n++] = FIELD(LumoPose, orientation);
-  out[n++] = sizeof(LumoMap);
-  out[n++] = FIELD(LumoMap, num);
-  out[n++] = FIELD(LumoMap, points);
-  out[n++] = sizeof(LumoRectifyInfo);
-  out[n++] = FIELD(LumoRectifyInfo, P2);
-  out[n++] = sizeof(LumoIntrinsics);
-  out[n++] = FIELD(LumoIntrinsics, distortion_model);
-  out[n++] = FIELD(LumoIntrinsics, distortion_coeffs);
-  out[n++] = sizeof(LumoExtrinsics);
-  out[n++] = sizeof(LumoCameraCalib);
-  out[n++] = FIELD(LumoCameraCalib, T_cn_imu);
-  out[n++] = FIELD(LumoCameraCalib, timeshift);
-  out[n++] = sizeof(LumoCalibrationParam);
-  out[n++] = FIELD(LumoCalibrationParam, accel_noise_density);
-  out[n++] = FIELD(LumoCalibrationParam, imu_update_rate);
+  const size_t layout[] = {
+      sizeof(LumoImage), offsetof(LumoImage, timestamp), offsetof(LumoImage, format), offsetof(LumoImage, stride),
+      offsetof(LumoImage, data), sizeof(LumoDepthImage), offsetof(LumoDepthImage, data), sizeof(LumoPose),
+      offsetof(LumoPose, orientation), sizeof(LumoMap), offsetof(LumoMap, num), offsetof(LumoMap, points),
+      sizeof(LumoRectifyInfo), offsetof(LumoRectifyInfo, P2), sizeof(LumoIntrinsics),
+      offsetof(LumoIntrinsics, distortion_model), offsetof(LumoIntrinsics, distortion_coeffs),
+      sizeof(LumoExtrinsics), sizeof(LumoCameraCalib), offsetof(LumoCameraCalib, T_cn_imu),
+      offsetof(LumoCameraCalib, timeshift), sizeof(LumoCalibrationParam),
+      offsetof(LumoCalibrationParam, accel_noise_density), offsetof(LumoCalibrationParam, imu_update_rate)};
+  size_t n;
+  for (n = 0; n < sizeof(layout) / sizeof(layout[0]); ++n) out[n] = layout[n];
   return n;
 }
 
@@ -44,15 +27,9 @@ int lumo_c_null_handle_answers(void) {
   LumoPose pose = {0};
   LumoMap map = {0};
   LumoRectifyInfo info = {0};
-  int ones = 0;
-  ones += KORV_LUMO_D_DestroyHandle(NULL) == 1;
-  ones += KORV_LUMO_D_FeedStereoImage(NULL, &image) == 1;
-  ones += KORV_LUMO_D_FeedRGBImage(NULL, &image) == 1;
-  ones += KORV_LUMO_D_FeedPose(NULL, &pose) == 1;
-  ones += KORV_LUMO_D_GetDepthImage(NULL, &depth, NULL, NULL) == 1;
-  ones += KORV_LUMO_D_GetRectifiedImage(NULL, &image) == 1;
-  ones += KORV_LUMO_D_GetRectifyInfo(NULL, &info) == 1;
-  ones += KORV_LUMO_D_GetPointcloud(NULL, &map, 10) == 1;
-  ones += KORV_LUMO_D_BindNavra(NULL, &map) == 1;
-  return ones;
+  return (KORV_LUMO_D_DestroyHandle(NULL) == 1) + (KORV_LUMO_D_FeedStereoImage(NULL, &image) == 1) +
+         (KORV_LUMO_D_FeedRGBImage(NULL, &image) == 1) + (KORV_LUMO_D_FeedPose(NULL, &pose) == 1) +
+         (KORV_LUMO_D_GetDepthImage(NULL, &depth, NULL, NULL) == 1) +
+         (KORV_LUMO_D_GetRectifiedImage(NULL, &image) == 1) + (KORV_LUMO_D_GetRectifyInfo(NULL, &info) == 1) +
+         (KORV_LUMO_D_GetPointcloud(NULL, &map, 10) == 1) + (KORV_LUMO_D_BindNavra(NULL, &map) == 1);
 }

@@ -1,6 +1,6 @@
-// The filters inside the pipeline: with enable_filter on, each depth result
-// must be the unfiltered result passed through the spatial and then the
-// temporal filter, with the temporal state carried from frame to frame.
+// With enable_filter on, each depth result must be the unfiltered result passed
+// through the spatial and then the temporal filter, whose state is carried
+// from frame to frame.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -21,58 +21,46 @@ namespace {
 TEST(FilterPipeline, FilteredDepthIsTheFiltersAppliedToTheRawDepth) {
   const int width = 320, height = 200;
   const LumoSynth::Rig rig = LumoSynth::pinholeRig(width, height);
-  const LumoSynth::Scene scene = LumoSynth::movingScene();
-  const LumoSynth::Renderer renderer = LumoSynth::makeRenderer(rig, 1);
   LumoTest::TempDir dir;
   LumoSynth::writeCalibrationYaml(dir.file("calib.yaml"), rig);
-  const LumoTest::HostConfig config = LumoTest::HostConfig()
-                                          .set("input_stereo_width", std::to_string(width))
-                                          .set("input_stereo_height", std::to_string(height));
+  LumoTest::HostConfig config;
+  config.set("input_stereo_width", std::to_string(width)).set("input_stereo_height", std::to_string(height));
   config.write(dir.file("raw.yaml"));
-  LumoTest::HostConfig(config).set("enable_filter", "true").write(dir.file("filtered.yaml"));
-  void* raw = nullptr;
-  void* filtered = nullptr;
+  config.set("enable_filter", "true").write(dir.file("filtered.yaml"));
+  void* handles[2] = {nullptr, nullptr};  // raw, filtered
   LumoTest::captureStdout([&] {
-    KORV_LUMO_D_CreateHandleWithConfig(&raw, dir.file("raw.yaml").c_str());
-    KORV_LUMO_D_CreateHandleWithConfig(&filtered, dir.file("filtered.yaml").c_str());
+    KORV_LUMO_D_CreateHandleWithConfig(&handles[0], dir.file("raw.yaml").c_str());
+    KORV_LUMO_D_CreateHandleWithConfig(&handles[1], dir.file("filtered.yaml").c_str());
   });
 
+  const LumoSynth::Renderer renderer = LumoSynth::makeRenderer(rig, 1);
+  const LumoSynth::Scene scene = LumoSynth::movingScene();
   KorvLumetra::VorSpatialFilter spatial;
   KorvLumetra::KesTemporalFilter temporal;
-  std::vector<float> rawDepth(width * height), filteredDepth(width * height);
-  LumoDepthImage rawRecord{}, filteredRecord{};
-  rawRecord.data = rawDepth.data();
-  filteredRecord.data = filteredDepth.data();
+  std::vector<float> depth[2] = {std::vector<float>(width * height), std::vector<float>(width * height)};
+  LumoDepthImage records[2] = {};
   int changed = 0;
   for (int frameIndex = 0; frameIndex < 6; ++frameIndex) {
     cv::Mat grey;
     cv::cvtColor(LumoSynth::renderStereo(renderer, scene, frameIndex), grey, cv::COLOR_BGR2GRAY);
-    LumoImage frame{};
-    frame.timestamp = 100 + frameIndex;
-    frame.width = width;
-    frame.height = 2 * height;
-    frame.channels = 1;
-    frame.data = grey.data;
-    ASSERT_EQ(KORV_LUMO_D_FeedStereoImage(raw, &frame), 0);
-    ASSERT_EQ(KORV_LUMO_D_FeedStereoImage(filtered, &frame), 0);
-    ASSERT_EQ(KORV_LUMO_D_GetDepthImage(raw, &rawRecord, nullptr, nullptr), 0);
-    ASSERT_EQ(KORV_LUMO_D_GetDepthImage(filtered, &filteredRecord, nullptr, nullptr), 0);
-    ASSERT_EQ(filteredRecord.timestamp, frame.timestamp);
-
-    // The matcher is deterministic, so the raw depth is what the filtered
-    // pipeline saw before filtering.
-    std::vector<float> expected = rawDepth;
-    LumoDepthImage image = rawRecord;
+    LumoImage frame{0, 0, 100u + frameIndex, width, 2 * height, 1, 0, 0, 0, 0, grey.data};
+    for (int k = 0; k < 2; ++k) {
+      records[k].data = depth[k].data();
+      ASSERT_EQ(KORV_LUMO_D_FeedStereoImage(handles[k], &frame), 0);
+      ASSERT_EQ(KORV_LUMO_D_GetDepthImage(handles[k], &records[k], nullptr, nullptr), 0);
+      ASSERT_EQ(records[k].timestamp, frame.timestamp);
+    }
+    // The matcher is deterministic, so the raw depth is what the filters saw.
+    std::vector<float> expected = depth[0];
+    LumoDepthImage image = records[0];
     image.data = expected.data();
     spatial.processFrame(&image);
     temporal.processFrame(&image);
-    EXPECT_EQ(std::memcmp(expected.data(), filteredDepth.data(), expected.size() * sizeof(float)), 0)
-        << "frame " << frameIndex;
-    changed += std::memcmp(rawDepth.data(), filteredDepth.data(), rawDepth.size() * sizeof(float)) != 0;
+    EXPECT_EQ(std::memcmp(expected.data(), depth[1].data(), expected.size() * sizeof(float)), 0) << frameIndex;
+    changed += std::memcmp(depth[0].data(), depth[1].data(), depth[0].size() * sizeof(float)) != 0;
   }
   EXPECT_EQ(changed, 6);  // the filters do change the depth
-  KORV_LUMO_D_DestroyHandle(raw);
-  KORV_LUMO_D_DestroyHandle(filtered);
+  for (void* handle : handles) KORV_LUMO_D_DestroyHandle(handle);
 }
 
 }  // namespace

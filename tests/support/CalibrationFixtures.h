@@ -45,14 +45,12 @@ struct StereoDepthTestAccess {
   static const StereoEngineBase* engine(StereoDepth& p, std::size_t i) { return p.engines_[i].get(); }
   // Point cloud: the depth result it is built from, its tables, settings and poses.
   static LumoDepthImage* depthRecord(StereoDepth& p) { return p.depth_; }
-  static const float* rayTable(StereoDepth& p) { return p.rayTable_; }
   static const float* pointBuffer(StereoDepth& p) { return p.pointBuffer_; }
   static uint64_t cloudPixelCount(StereoDepth& p) { return p.cloudPixelCount_; }
   static int pointCount(StereoDepth& p) { return p.pointCount_; }
   static uint64_t cloudTimestamp(StereoDepth& p) { return p.cloudTimestamp_; }
   static int& depthResultCount(StereoDepth& p) { return p.depthResultCount_; }
   static LumoUtils::LumoPoseRing& poseRing(StereoDepth& p) { return *p.poseRing_; }
-  static int& moduleEnabled(StereoDepth& p) { return p.moduleEnabled_; }
   static float& pointcloudROI(StereoDepth& p) { return p.pointcloudROI_; }
   static int& skipPoint(StereoDepth& p) { return p.skipPoint_; }
   static float& farthestDist(StereoDepth& p) { return p.farthestDist_; }
