@@ -1,7 +1,10 @@
 #include "yaml/YamlNode.h"
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <cstdio>
+#include <exception>
 #include <fstream>
 #include <iterator>
 #include <tuple>
@@ -86,8 +89,35 @@ int32_t indentOf(const std::string& line) {
   return indent;
 }
 
+// Change of the bracket depth over a line, counting only brackets outside quotes.
+int64_t bracketDelta(const std::string& text) {
+  QuoteScan quotes;
+  int64_t delta = 0;
+  for (char c : text) {
+    quotes.feed(c);
+    if (!quotes.outside()) {
+      continue;
+    }
+    if (c == '[') {
+      ++delta;
+    } else if (c == ']') {
+      --delta;
+    }
+  }
+  return delta;
+}
+
+// One significant line before continuation lines are joined.
+struct RawLine {
+  LineInfo info;
+  std::string content;  // trimmed, comment cut
+  bool directive = false;
+  bool opensSequence = false;  // an inline sequence value whose brackets stay open
+  int64_t delta = 0;
+};
+
 std::vector<LineInfo> readLines(const std::string& text) {
-  std::vector<LineInfo> lines;
+  std::vector<RawLine> raw;
   std::size_t start = 0;
   while (start <= text.size()) {
     std::size_t end = text.find('\n', start);
@@ -97,18 +127,60 @@ std::vector<LineInfo> readLines(const std::string& text) {
     const std::string cut = stripComment(text.substr(start, end - start));
     start = end + 1;
 
-    const std::string content = YamlNode::trim(cut);
-    if (content.empty() || content[0] == '%') {
+    RawLine line;
+    line.content = YamlNode::trim(cut);
+    if (line.content.empty()) {
       continue;
     }
-    LineInfo info;
+    line.directive = line.content[0] == '%';
+    line.delta = bracketDelta(line.content);
+    LineInfo& info = line.info;
     info.indent = indentOf(cut);
-    if (startsWithItemDash(content)) {
+    if (startsWithItemDash(line.content)) {
       info.isSeqItem = true;
-      info.value = YamlNode::trimLeft(content.substr(1));
+      info.value = YamlNode::trimLeft(line.content.substr(1));
     } else {
       // A lone "-" lands here: a map line with an empty key and value "-".
-      std::tie(info.key, info.value) = YamlNode::splitKeyValue(content);
+      std::tie(info.key, info.value) = YamlNode::splitKeyValue(line.content);
+    }
+    line.opensSequence = !line.directive && line.delta > 0 && !info.value.empty() && info.value[0] == '[';
+    raw.push_back(std::move(line));
+  }
+
+  // An inline sequence wrapped over several lines (as PyYAML writes long
+  // lists) continues until its brackets close. closeAt[i] is the line where
+  // the depth opened on line i is back to zero, found for every line in one
+  // pass: pending openings have increasing thresholds, so a stack serves.
+  constexpr std::size_t kNever = static_cast<std::size_t>(-1);
+  std::vector<std::size_t> closeAt(raw.size(), kNever);
+  std::vector<std::pair<std::size_t, int64_t>> pending;  // line, depth before it
+  int64_t depth = 0;
+  for (std::size_t j = 0; j < raw.size(); ++j) {
+    const int64_t before = depth;
+    depth += raw[j].delta;
+    while (!pending.empty() && pending.back().second >= depth) {
+      closeAt[pending.back().first] = j;
+      pending.pop_back();
+    }
+    if (raw[j].opensSequence) {
+      pending.emplace_back(j, before);
+    }
+  }
+
+  std::vector<LineInfo> lines;
+  for (std::size_t i = 0; i < raw.size(); ++i) {
+    if (raw[i].directive) {
+      continue;
+    }
+    LineInfo info = std::move(raw[i].info);
+    // Brackets that never close leave the line as it is.
+    if (raw[i].opensSequence && closeAt[i] != kNever) {
+      const std::size_t last = closeAt[i];
+      for (++i; i <= last; ++i) {
+        info.value += ' ';
+        info.value += raw[i].content;
+      }
+      --i;
     }
     lines.push_back(std::move(info));
   }
@@ -142,15 +214,44 @@ YamlNode parseValue(std::string text, int depth) {
 
 }  // namespace
 
+std::string YamlNode::UnreadableReason(const std::string& path) {
+  struct stat info {};
+  if (stat(path.c_str(), &info) != 0) {
+    return "does not exist";
+  }
+  if (S_ISDIR(info.st_mode)) {
+    return "is a directory";
+  }
+  if (!S_ISREG(info.st_mode)) {
+    return "is not a regular file";
+  }
+  if (info.st_size > kMaxDocumentBytes) {
+    return "is larger than 1 MB (" + std::to_string(static_cast<long long>(info.st_size)) + " bytes)";
+  }
+  return std::string();
+}
+
 YamlNode YamlNode::LoadFile(const std::string& path) {
   YamlNode root;
   root.type = Map;
-  std::ifstream file(path, std::ios::in | std::ios::binary);
+  // A directory opens as a stream but fails on the first read, with an
+  // exception from the standard library: only regular files are read.
+  struct stat info {};
+  std::ifstream file;
+  if (stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
+    file.open(path, std::ios::in | std::ios::binary);
+  }
   if (!file.is_open()) {
     std::fprintf(stderr, "[YamlNode] Cannot open file: %s\n", path.c_str());
     return root;
   }
-  const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  std::string text;
+  try {
+    text.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  } catch (const std::exception&) {
+    std::fprintf(stderr, "[YamlNode] Cannot open file: %s\n", path.c_str());
+    return root;
+  }
   root.parse(text, path);
   return root;
 }

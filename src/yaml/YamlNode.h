@@ -2,7 +2,8 @@
 // YAML subset of its configuration and calibration files.
 //
 // Supported: block maps by indentation, block sequences of "- " items, inline
-// sequences "[a, [b, c]]", single- and double-quoted scalars (quotes removed,
+// sequences "[a, [b, c]]" (also wrapped over several lines until the brackets
+// close), single- and double-quoted scalars (quotes removed,
 // no escapes), "#" comments outside quotes, "%" directive lines (skipped).
 // Anything else (block scalars, anchors, flow maps, maps inside items) is kept
 // as plain scalar text or placed by the indentation rules. The parser never
@@ -32,8 +33,18 @@ class YamlNode {
   std::vector<YamlNode> seq;            // elements of a Sequence node
 
   // Reads and parses a whole file. The root is always a Map node; when the
-  // file cannot be opened it is empty and a message goes to stderr.
+  // file cannot be opened (or is no regular file) it is empty and a message
+  // goes to stderr.
   static YamlNode LoadFile(const std::string& path);
+
+  // Configuration and calibration files are a few dozen lines; anything
+  // larger is refused by their readers before it is parsed.
+  static constexpr long long kMaxDocumentBytes = 1 << 20;
+
+  // Why `path` is no readable document: "does not exist", "is a directory",
+  // "is not a regular file" or "is larger than 1 MB (N bytes)"; empty when
+  // it is a regular file of at most kMaxDocumentBytes.
+  static std::string UnreadableReason(const std::string& path);
 
   // Fills this node from document text. The caller sets `type` beforehand
   // (LoadFile sets Map); `source` names the document and is not used.

@@ -80,6 +80,21 @@ TEST(YamlNodeTest, IndentationSequencesAndRepeats) {
   });
 }
 
+// Long lists wrapped at 80 columns (as PyYAML writes them) and 4x4 matrices
+// written as one flat list continue until their brackets close; brackets that
+// never close leave every line as it is.
+TEST(YamlNodeTest, WrappedInlineSequences) {
+  expectTrees({
+      {"d: [-0.28, 0.07, 1.9e-04,\n    1.7e-05]\nk: v", R"({d: ["-0.28", "0.07", "1.9e-04", "1.7e-05"], k: "v"})"},
+      {"T: [1, 0, # first row\n\n  0, 1]  # last row", R"({T: ["1", "0", "0", "1"]})"},
+      {"l:\n  - [1,\n     2]\n  - 3", R"({l: [["1", "2"], "3"]})"},
+      {"a: [[1,\n 2], [3,\n\t4]]\nb: 'x'", R"({a: [["1", "2"], ["3", "4"]], b: "x"})"},
+      {"a: [[\nb: [1,\n  2]\nc: 3", R"({a: "[[", b: ["1", "2"], c: "3"})"},  // only b's brackets close
+      {"a: ['[',\n  ']']", R"({a: ["[", "]"]})"},  // quoted brackets do not count
+      {"k: x [\nm: 1]", R"({k: "x [", m: "1]"})"},  // not an inline sequence: no joining
+  });
+}
+
 TEST(YamlNodeTest, TextHelpers) {
   EXPECT_EQ(describe(parseDoc("k\t\r : \r x\r\t")), "{k: \"\r x\"}");  // only a trailing CR goes
   EXPECT_EQ(describe(parseDoc("]a: b\nc: '\nd: [\ne: '[a]'")), R"({: "]a: b", c: "'", d: "[", e: "[a]"})");
@@ -110,4 +125,15 @@ TEST(YamlNodeTest, LoadFileAndLookup) {
             "[YamlNode] Cannot open file: " + missing + "\n");
   EXPECT_EQ(empty.type, YamlNode::Map);
   EXPECT_EQ(describe(empty), "{}");
+
+  // A directory is no document: the same message instead of a stream exception.
+  const std::string directory = testing::TempDir();
+  EXPECT_EQ(LumoTest::captureStderr([&] { empty = YamlNode::LoadFile(directory); }),
+            "[YamlNode] Cannot open file: " + directory + "\n");
+  const std::string big = testing::TempDir() + "yaml_big_test.yaml";
+  std::ofstream(big, std::ios::binary) << std::string(YamlNode::kMaxDocumentBytes + 1, '#');
+  const std::pair<std::string, std::string> reasons[] = {
+      {path, ""}, {missing, "does not exist"}, {directory, "is a directory"},
+      {"/dev/null", "is not a regular file"}, {big, "is larger than 1 MB (1048577 bytes)"}};
+  for (const auto& [file, reason] : reasons) EXPECT_EQ(YamlNode::UnreadableReason(file), reason) << file;
 }
