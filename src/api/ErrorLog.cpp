@@ -40,6 +40,15 @@ void logErrorf(const char* function, const char* format, ...) {
   va_end(args);
 }
 
+std::string oneLine(const char* text) {
+  std::string line = text != nullptr ? text : "";
+  for (char& c : line) {
+    if (c == '\n' || c == '\r') c = ' ';
+  }
+  while (!line.empty() && line.back() == ' ') line.pop_back();
+  return line;
+}
+
 std::string formatTimestamp(uint64_t timestamp) {
   char text[32];
   std::snprintf(text, sizeof(text), "%llu", static_cast<unsigned long long>(timestamp));

@@ -23,6 +23,10 @@ void logErrorf(const char* function, const char* format, ...) __attribute__((for
 // Returns the length written, like snprintf.
 int formatErrorPrefix(char* out, std::size_t capacity, int64_t epochNanos, const char* function);
 
+// Text made fit for one error line: line ends become blanks, trailing blanks
+// go (OpenCV's exception texts span lines).
+std::string oneLine(const char* text);
+
 // A frame time stamp as printed into debug file names ("%llu").
 std::string formatTimestamp(uint64_t timestamp);
 

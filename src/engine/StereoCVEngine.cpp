@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 #include <utility>
 
 #include <opencv2/imgcodecs.hpp>
@@ -18,7 +19,6 @@ namespace KorvLumetra {
 namespace {
 
 // Matcher settings the depth output is tuned for.
-constexpr int kBlockSize = 11;
 constexpr int kP1 = 2904;
 constexpr int kP2 = 11616;
 constexpr int kDisp12MaxDiff = 4;
@@ -257,62 +257,74 @@ void StereoCVEngine::inferLoop() {
       newInput_.store(false);
     }
     busy_.store(1);
-    LumoImage* frame = workingFrame_;
-
-    if (settings_.debug != 0) {
-      const cv::Mat combined(static_cast<int>(frame->height), static_cast<int>(frame->width), CV_8UC3,
-                             frame->data);
-      cv::imwrite(debugDir_ + "/debug_combined_img_" + formatTimestamp(frame->timestamp) + ".bmp",
-                  combined);
+    // An exception must not end the host: the frame gives no result, the worker goes on.
+    try {
+      matchFrame(workingFrame_);
+      resultReady_.store(true);
+    } catch (const std::exception& e) {
+      logErrorf("inferLoop", "frame %llu dropped: %s\n", static_cast<unsigned long long>(workingFrame_->timestamp),
+                oneLine(e.what()).c_str());
+    } catch (...) {
+      logError("inferLoop", "frame dropped: unknown exception");
     }
-
-    const int viewRows = static_cast<int>(frame->height / 2);
-    const int viewCols = static_cast<int>(frame->width);
-    const cv::Mat left(viewRows, viewCols, CV_8UC3, frame->data);
-    const cv::Mat right(viewRows, viewCols, CV_8UC3, frame->data + frame->size / 2);
-    if (std::fabs(imageScale_ - 1.0f) > 1e-6) {
-      cv::Mat leftScaled, rightScaled;
-      cv::resize(left, leftScaled, cv::Size(), imageScale_, imageScale_, cv::INTER_LINEAR);
-      cv::resize(right, rightScaled, cv::Size(), imageScale_, imageScale_, cv::INTER_LINEAR);
-      cv::cvtColor(leftScaled, leftGray_, cv::COLOR_BGR2GRAY);
-      cv::cvtColor(rightScaled, rightGray_, cv::COLOR_BGR2GRAY);
-    } else {
-      cv::cvtColor(left, leftGray_, cv::COLOR_BGR2GRAY);
-      cv::cvtColor(right, rightGray_, cv::COLOR_BGR2GRAY);
-    }
-
-    computeDisparity(disparity_, rawDisparity_);
-    const cv::Mat* chosen = &disparity_;
-    if (useWls_) {
-      WLSFilterDisparity(rawDisparity_, wlsDisparity_);
-      chosen = &wlsDisparity_;
-    }
-
-    {
-      std::lock_guard<std::mutex> lock(resultMutex_);
-      std::size_t count = chosen->total();
-      if (count > resultCapacity_) count = resultCapacity_;
-      if (chosen->isContinuous()) std::memcpy(disparityResult_->data, chosen->ptr<float>(), count * sizeof(float));
-      disparityResult_->size = static_cast<uint32_t>(count * sizeof(float));
-      disparityResult_->timestamp = frame->timestamp;
-      disparity2Depth(disparityResult_, depthResult_);
-    }
-    latestTimestamp_.store(frame->timestamp);
-
-    if (settings_.debug != 0) {
-      const std::string stamp = formatTimestamp(frame->timestamp);
-      cv::FileStorage disparityFile(debugDir_ + "/debug_sgbm_disparity_" + stamp + ".yml",
-                                    cv::FileStorage::WRITE);
-      if (disparityFile.isOpened()) disparityFile << "disparity" << *chosen;
-      cv::FileStorage depthFile(debugDir_ + "/debug_sgbm_depth_" + stamp + ".yml", cv::FileStorage::WRITE);
-      if (depthFile.isOpened()) {
-        std::lock_guard<std::mutex> lock(resultMutex_);
-        depthFile << "depth" << cv::Mat(shape_[2], shape_[3], CV_32F, depthResult_->data);
-      }
-    }
-
-    resultReady_.store(true);
     busy_.store(0);
+  }
+}
+
+void StereoCVEngine::matchFrame(const LumoImage* frame) {
+  if (settings_.debug != 0) {
+    const cv::Mat combined(static_cast<int>(frame->height), static_cast<int>(frame->width), CV_8UC3, frame->data);
+    cv::imwrite(debugDir_ + "/debug_combined_img_" + formatTimestamp(frame->timestamp) + ".bmp", combined);
+  }
+
+  const int viewRows = static_cast<int>(frame->height / 2);
+  const int viewCols = static_cast<int>(frame->width);
+  const cv::Mat left(viewRows, viewCols, CV_8UC3, frame->data);
+  const cv::Mat right(viewRows, viewCols, CV_8UC3, frame->data + frame->size / 2);
+  if (std::fabs(imageScale_ - 1.0f) > 1e-6) {
+    cv::Mat leftScaled, rightScaled;
+    cv::resize(left, leftScaled, cv::Size(), imageScale_, imageScale_, cv::INTER_LINEAR);
+    cv::resize(right, rightScaled, cv::Size(), imageScale_, imageScale_, cv::INTER_LINEAR);
+    cv::cvtColor(leftScaled, leftGray_, cv::COLOR_BGR2GRAY);
+    cv::cvtColor(rightScaled, rightGray_, cv::COLOR_BGR2GRAY);
+  } else {
+    cv::cvtColor(left, leftGray_, cv::COLOR_BGR2GRAY);
+    cv::cvtColor(right, rightGray_, cv::COLOR_BGR2GRAY);
+  }
+  // OpenCV's matcher asserts inside a destructor on views with no room for
+  // its search, which no handler can catch: such views are refused here.
+  if (leftGray_.cols <= settings_.numDisparities) {
+    throw std::length_error("views of " + std::to_string(leftGray_.cols) + " columns leave no room for " +
+                            std::to_string(settings_.numDisparities) + " disparities");
+  }
+
+  computeDisparity(disparity_, rawDisparity_);
+  const cv::Mat* chosen = &disparity_;
+  if (useWls_) {
+    WLSFilterDisparity(rawDisparity_, wlsDisparity_);
+    chosen = &wlsDisparity_;
+  }
+
+  {
+    std::lock_guard<std::mutex> lock(resultMutex_);
+    std::size_t count = chosen->total();
+    if (count > resultCapacity_) count = resultCapacity_;
+    if (chosen->isContinuous()) std::memcpy(disparityResult_->data, chosen->ptr<float>(), count * sizeof(float));
+    disparityResult_->size = static_cast<uint32_t>(count * sizeof(float));
+    disparityResult_->timestamp = frame->timestamp;
+    disparity2Depth(disparityResult_, depthResult_);
+  }
+  latestTimestamp_.store(frame->timestamp);
+
+  if (settings_.debug != 0) {
+    const std::string stamp = formatTimestamp(frame->timestamp);
+    cv::FileStorage disparityFile(debugDir_ + "/debug_sgbm_disparity_" + stamp + ".yml", cv::FileStorage::WRITE);
+    if (disparityFile.isOpened()) disparityFile << "disparity" << *chosen;
+    cv::FileStorage depthFile(debugDir_ + "/debug_sgbm_depth_" + stamp + ".yml", cv::FileStorage::WRITE);
+    if (depthFile.isOpened()) {
+      std::lock_guard<std::mutex> lock(resultMutex_);
+      depthFile << "depth" << cv::Mat(shape_[2], shape_[3], CV_32F, depthResult_->data);
+    }
   }
 }
 

@@ -33,6 +33,9 @@ class StereoCVEngine : public StereoEngineBase {
     int debug;
   };
 
+  // The matching block's side, in pixels.
+  static constexpr int kBlockSize = 11;
+
   StereoCVEngine(int width, int height, int channels, float depthFactorA, float depthFactorB,
                  float imageScale, int debugFlag, std::string debugDir, bool useWls);
   ~StereoCVEngine() override;
@@ -71,6 +74,8 @@ class StereoCVEngine : public StereoEngineBase {
   void createBuffer();
   void destroyBuffer();
   void inferLoop();
+  // One frame: grey views, matching, depth; the result records under their lock.
+  void matchFrame(const LumoImage* frame);
 
   std::thread worker_;
   std::atomic<int> stop_{0};

@@ -28,6 +28,22 @@ constexpr float kFloatEpsilon = 1.1920929e-7f;
 constexpr int kSyncPolls = 2000;
 constexpr int kSyncPollsDebug = 200000;  // debug dumps are slow
 
+// Debug dumps never fail a frame: a file that cannot be written is skipped.
+void writeDebugImage(const std::string& path, const cv::Mat& image) {
+  try {
+    cv::imwrite(path, image);
+  } catch (const cv::Exception&) {
+  }
+}
+
+void writeDebugMatrix(const std::string& path, const char* key, const cv::Mat& matrix) {
+  try {
+    cv::FileStorage file(path, cv::FileStorage::WRITE);
+    if (file.isOpened()) file << key << matrix;
+  } catch (const cv::Exception&) {
+  }
+}
+
 }  // namespace
 
 StereoDepth::StereoDepth() {
@@ -114,6 +130,7 @@ int StereoDepth::setDepthAlignedInfo(int cameraIndex, bool direction, bool enabl
 }
 
 int StereoDepth::feedStereoImage(LumoImage* frame) {
+  if (refusedConfiguration("feedStereoImage")) return 1;
   if (moduleEnabled_ == 0) {
     logError("feedStereoImage", "depth module is not enabled");
     return 1;
@@ -122,7 +139,12 @@ int StereoDepth::feedStereoImage(LumoImage* frame) {
     logError("feedStereoImage", "allocate memory before calling");
     return 1;
   }
-  if (rectMap1List_.empty() || inputSizes_.empty()) {
+  if (frame->timestamp == 0) {
+    // Results and the synchronous wait tell frames apart by time stamp; 0 means "none yet".
+    logError("feedStereoImage", "frame time stamp 0 is reserved for 'no frame yet': give frames a non-zero time stamp");
+    return 1;
+  }
+  if (!calibration_.rectified() || inputSizes_.empty()) {
     logError("feedStereoImage", "rectify map or camera image size not exists");
     return 1;
   }
@@ -142,7 +164,7 @@ int StereoDepth::feedStereoImage(LumoImage* frame) {
 
   if (debugImage_ != 0) {
     const std::string stamp = formatTimestamp(frame->timestamp);
-    if (!original.empty()) cv::imwrite(debugImgSavePath_ + "/debug_origin_" + stamp + ".bmp", original);
+    if (!original.empty()) writeDebugImage(debugImgSavePath_ + "/debug_origin_" + stamp + ".bmp", original);
     std::cout << "origin image save to : " << debugImgSavePath_ + "/origin_" + stamp + ".bmp" << std::endl;
   }
 
@@ -156,6 +178,11 @@ int StereoDepth::feedStereoImage(LumoImage* frame) {
   // An unsupported channel code travels on with an empty image, so that the
   // preprocessing thread reports it.
   const uint32_t channels = image.empty() ? frame->channels : static_cast<uint32_t>(image.channels());
+  // The configuration was checked against the buffers; this keeps it so.
+  if (image.total() * image.elemSize() > kStereoBufferBytes) {
+    logError("feedStereoImage", "input image size does not match config params");
+    return 1;
+  }
   const auto fill = [&](LumoImage* record) {
     record->tag0 = frame->tag0;
     record->tag1 = frame->tag1;
@@ -177,8 +204,8 @@ int StereoDepth::feedStereoImage(LumoImage* frame) {
   }
 
   if (debugImage_ != 0 && !image.empty()) {
-    cv::imwrite(debugImgSavePath_ + "/debug_feedresizedImg_" + formatTimestamp(frame->timestamp) + ".bmp",
-                image);
+    writeDebugImage(debugImgSavePath_ + "/debug_feedresizedImg_" + formatTimestamp(frame->timestamp) + ".bmp",
+                    image);
   }
 
   {
@@ -221,8 +248,20 @@ void StereoDepth::preprocessLoop() {
       if (newFrame_.load() == 0) continue;
       std::swap(incomingStereo_, workingStereo_);
     }
-    LumoImage* frame = workingStereo_;
+    // An exception must not end the host: the frame is dropped, the thread goes on.
+    try {
+      preprocessFrame(workingStereo_);
+    } catch (const std::exception& e) {
+      logErrorf("preprocessLoop", "frame %llu dropped: %s\n", static_cast<unsigned long long>(workingStereo_->timestamp),
+                oneLine(e.what()).c_str());
+    } catch (...) {
+      logError("preprocessLoop", "frame dropped: unknown exception");
+    }
+  }
+}
 
+void StereoDepth::preprocessFrame(LumoImage* frame) {
+  {
     const int rows = static_cast<int>(frame->height / 2);
     const int cols = static_cast<int>(frame->width);
     const std::size_t halfBytes = static_cast<std::size_t>(cols) * rows * 3;
@@ -236,157 +275,158 @@ void StereoDepth::preprocessLoop() {
       cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, frame->data), colourTop, cv::COLOR_BGR2RGB);
       cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, frame->data + halfBytes), colourBottom, cv::COLOR_BGR2RGB);
     } else {
-      logErrorf("preprocessLoop", "stereo depth: unrecognized image channel %d\n",
-                static_cast<int>(frame->channels));
-      continue;
+      logErrorf("preprocessLoop", "stereo depth: unrecognized image channel %d\n", static_cast<int>(frame->channels));
+      return;
     }
 
-    {
-      std::lock_guard<std::mutex> lock(rectifyMutex_);
-      cv::Mat rectTop(rows, cols, CV_8UC3, rectified_->data);
-      cv::Mat rectBottom(rows, cols, CV_8UC3, rectified_->data + halfBytes);
-      rectified_->tag0 = frame->tag0;
-      rectified_->tag1 = frame->tag1;
-      rectified_->timestamp = frame->timestamp;
-      rectified_->width = frame->width;
-      rectified_->height = frame->height;
-      rectified_->format = frame->format;
-      rectified_->stride = frame->stride;
-      rectified_->channels = 3;
-      rectified_->size = frame->width * frame->height * 3;
-      cv::remap(colourTop, rectTop, rectMap1List_[0], rectMap2List_[0], cv::INTER_LINEAR,
-                cv::BORDER_CONSTANT, cv::Scalar());
-      cv::remap(colourBottom, rectBottom, rectMap1List_[1], rectMap2List_[1], cv::INTER_LINEAR,
-                cv::BORDER_CONSTANT, cv::Scalar());
-    }
-
-    std::lock_guard<std::mutex> lock(engineMutex_);
-    if (engines_.empty()) continue;
-    std::size_t chosen = 0;
-    bool idleFound = false;
-    for (std::size_t i = 0; i < engines_.size(); ++i) {
-      if (!engines_[i]->isBusy()) {
-        chosen = i;
-        idleFound = true;
-        break;
-      }
-    }
-    if (!idleFound) {
-      // The running minimum is kept in 32 bits and sign-extended for the
-      // comparison; engines are chosen exactly as the reference pipeline does.
-      int32_t minimum = static_cast<int32_t>(engines_[0]->getLatestTimestamp());
-      for (std::size_t i = 0; i < engines_.size(); ++i) {
-        const uint64_t latest = engines_[i]->getLatestTimestamp();
-        if (static_cast<uint64_t>(static_cast<int64_t>(minimum)) > latest) {
-          minimum = static_cast<int32_t>(latest);
-          chosen = i;
-        }
-      }
-    }
-    // Only this thread writes the rectified record, so it is read here unlocked.
-    engines_[chosen]->feedImage(rectified_);
+    std::lock_guard<std::mutex> lock(rectifyMutex_);
+    cv::Mat rectTop(rows, cols, CV_8UC3, rectified_->data);
+    cv::Mat rectBottom(rows, cols, CV_8UC3, rectified_->data + halfBytes);
+    rectified_->tag0 = frame->tag0;
+    rectified_->tag1 = frame->tag1;
+    rectified_->timestamp = frame->timestamp;
+    rectified_->width = frame->width;
+    rectified_->height = frame->height;
+    rectified_->format = frame->format;
+    rectified_->stride = frame->stride;
+    rectified_->channels = 3;
+    rectified_->size = frame->width * frame->height * 3;
+    const std::vector<cv::Mat>& map1 = calibration_.map1();
+    const std::vector<cv::Mat>& map2 = calibration_.map2();
+    cv::remap(colourTop, rectTop, map1[0], map2[0], cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
+    cv::remap(colourBottom, rectBottom, map1[1], map2[1], cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
   }
+
+  std::lock_guard<std::mutex> lock(engineMutex_);
+  if (engines_.empty()) return;
+  std::size_t chosen = 0;
+  bool idleFound = false;
+  for (std::size_t i = 0; i < engines_.size(); ++i) {
+    if (!engines_[i]->isBusy()) {
+      chosen = i;
+      idleFound = true;
+      break;
+    }
+  }
+  if (!idleFound) {
+    // The running minimum is kept in 32 bits and sign-extended for the
+    // comparison, deliberately: engines are chosen as they always were.
+    int32_t minimum = static_cast<int32_t>(engines_[0]->getLatestTimestamp());
+    for (std::size_t i = 0; i < engines_.size(); ++i) {
+      const uint64_t latest = engines_[i]->getLatestTimestamp();
+      if (static_cast<uint64_t>(static_cast<int64_t>(minimum)) > latest) {
+        minimum = static_cast<int32_t>(latest);
+        chosen = i;
+      }
+    }
+  }
+  // Only this thread writes the rectified record, so it is read here unlocked.
+  engines_[chosen]->feedImage(rectified_);
 }
 
 void StereoDepth::updateResult() {
   while (running_.load() != 0) {
     sleepNanos(500000);
-    if (depth_ == nullptr || depth_->data == nullptr || disparity_ == nullptr ||
-        disparity_->data == nullptr || colourInput_ == nullptr || colourInput_->data == nullptr ||
-        stereoRing_ == nullptr) {
-      continue;
+    // An exception must not end the host: the result is dropped, the thread goes on.
+    try {
+      collectResult();
+    } catch (const std::exception& e) {
+      logErrorf("updateResult", "result dropped: %s\n", oneLine(e.what()).c_str());
+    } catch (...) {
+      logError("updateResult", "result dropped: unknown exception");
     }
-
-    std::unique_lock<std::mutex> engineLock(engineMutex_);
-    if (engines_.empty()) continue;
-    std::map<std::size_t, uint64_t> ready;
-    for (std::size_t i = 0; i < engines_.size(); ++i) {
-      if (engines_[i]->isResultReady()) ready[i] = engines_[i]->getLatestTimestamp();
-    }
-    if (ready.empty()) continue;
-    // Oldest result first; the lowest index wins a tie.
-    auto oldest = ready.begin();
-    for (auto it = ready.begin(); it != ready.end(); ++it) {
-      if (it->second < oldest->second) oldest = it;
-    }
-
-    std::unique_lock<std::mutex> resultLock(resultMutex_);
-    std::array<int, 4> dims{};
-    unsigned long long timestamp = 0;
-    const int status = engines_[oldest->first]->getResult(depth_->data, disparity_->data, dims, timestamp);
-    engineLock.unlock();
-    if (status == 1) {
-      logError("updateResult", "get depth image failed");
-      continue;
-    }
-    depth_->timestamp = timestamp;
-    carryFrameTags(depth_);
-    depth_->channels = static_cast<uint32_t>(dims[1]);
-    depth_->height = static_cast<uint32_t>(dims[2]);
-    depth_->width = static_cast<uint32_t>(dims[3]);
-    depth_->size = static_cast<uint32_t>(dims[1] * dims[2] * dims[3] * 4);
-    if (enableFilter_) {
-      spatialFilter_->processFrame(depth_);
-      temporalFilter_->processFrame(depth_);
-    }
-    disparity_->channels = depth_->channels;
-    disparity_->height = depth_->height;
-    disparity_->width = depth_->width;
-    disparity_->size = depth_->size;
-    disparity_->timestamp = depth_->timestamp;
-    disparity_->tag0 = depth_->tag0;
-    disparity_->tag1 = depth_->tag1;
-    disparity_->format = depth_->format;
-    ++depthResultCount_;
-    resultLock.unlock();
-
-    generatePointCloud();
-
-    if (alignEnabled_.load()) {
-      if (!alignInitialized_.load()) {
-        initAlignParam();
-        if (!alignInitialized_.load()) continue;
-      }
-      // Tolerances in the unit of the host's time stamps.
-      if (syncAlignImages(500000000, 1000000) == 0) continue;
-      resultLock.lock();
-      if (alignDirection_) {
-        if (alignImage_->alignDepthToOther(*depthToColour_, *depth_, *colourInput_) == 0) {
-          // The registration writes pixels, size and time stamp; the host's tags
-          // and the channel count still belong to the stereo frame.
-          depthToColour_->tag0 = depth_->tag0;
-          depthToColour_->tag1 = depth_->tag1;
-          depthToColour_->format = depth_->format;
-          depthToColour_->channels = depth_->channels;
-          copyRecord(depth_, depthToColour_);
-          copyRecord(alignedColour_, colourInput_);
-        }
-      } else if (alignImage_->alignOtherToDepth(*colourToDepth_, *depth_, *colourInput_) == 0) {
-        copyRecord(alignedColour_, colourToDepth_);
-      }
-    } else {
-      resultLock.lock();
-    }
-    restoreResultsSize();
-    if (debugImage_ != 0) {
-      const std::string stamp = formatTimestamp(depth_->timestamp);
-      cv::FileStorage disparityFile(debugImgSavePath_ + "/debug_disparity_" + stamp + ".yml",
-                                    cv::FileStorage::WRITE);
-      if (disparityFile.isOpened()) {
-        disparityFile << "disparity"
-                      << cv::Mat(static_cast<int>(disparity_->height), static_cast<int>(disparity_->width),
-                                 CV_32F, disparity_->data);
-      }
-      cv::FileStorage depthFile(debugImgSavePath_ + "/debug_depth_" + stamp + ".yml", cv::FileStorage::WRITE);
-      if (depthFile.isOpened()) {
-        depthFile << "depth"
-                  << cv::Mat(static_cast<int>(depthOutput_->height), static_cast<int>(depthOutput_->width),
-                             CV_32F, depthOutput_->data);
-      }
-    }
-    resultLock.unlock();
-    resultCondition_.notify_all();
   }
+}
+
+void StereoDepth::collectResult() {
+  if (depth_ == nullptr || depth_->data == nullptr || disparity_ == nullptr ||
+      disparity_->data == nullptr || colourInput_ == nullptr || colourInput_->data == nullptr ||
+      stereoRing_ == nullptr) {
+    return;
+  }
+
+  std::unique_lock<std::mutex> engineLock(engineMutex_);
+  if (engines_.empty()) return;
+  std::map<std::size_t, uint64_t> ready;
+  for (std::size_t i = 0; i < engines_.size(); ++i) {
+    if (engines_[i]->isResultReady()) ready[i] = engines_[i]->getLatestTimestamp();
+  }
+  if (ready.empty()) return;
+  // Oldest result first; the lowest index wins a tie.
+  auto oldest = ready.begin();
+  for (auto it = ready.begin(); it != ready.end(); ++it) {
+    if (it->second < oldest->second) oldest = it;
+  }
+
+  std::unique_lock<std::mutex> resultLock(resultMutex_);
+  std::array<int, 4> dims{};
+  unsigned long long timestamp = 0;
+  const int status = engines_[oldest->first]->getResult(depth_->data, disparity_->data, dims, timestamp);
+  engineLock.unlock();
+  if (status == 1) {
+    logError("updateResult", "get depth image failed");
+    return;
+  }
+  depth_->timestamp = timestamp;
+  carryFrameTags(depth_);
+  depth_->channels = static_cast<uint32_t>(dims[1]);
+  depth_->height = static_cast<uint32_t>(dims[2]);
+  depth_->width = static_cast<uint32_t>(dims[3]);
+  depth_->size = static_cast<uint32_t>(dims[1] * dims[2] * dims[3] * 4);
+  if (enableFilter_) {
+    spatialFilter_->processFrame(depth_);
+    temporalFilter_->processFrame(depth_);
+  }
+  disparity_->channels = depth_->channels;
+  disparity_->height = depth_->height;
+  disparity_->width = depth_->width;
+  disparity_->size = depth_->size;
+  disparity_->timestamp = depth_->timestamp;
+  disparity_->tag0 = depth_->tag0;
+  disparity_->tag1 = depth_->tag1;
+  disparity_->format = depth_->format;
+  ++depthResultCount_;
+  resultLock.unlock();
+
+  generatePointCloud();
+
+  if (alignEnabled_.load()) {
+    if (!alignInitialized_.load()) {
+      initAlignParam();
+      if (!alignInitialized_.load()) return;
+    }
+    // Tolerances in the unit of the host's time stamps.
+    if (syncAlignImages(500000000, 1000000) == 0) return;
+    resultLock.lock();
+    if (alignDirection_) {
+      if (alignImage_->alignDepthToOther(*depthToColour_, *depth_, *colourInput_) == 0) {
+        // The registration writes pixels, size and time stamp; the host's tags
+        // and the channel count still belong to the stereo frame.
+        depthToColour_->tag0 = depth_->tag0;
+        depthToColour_->tag1 = depth_->tag1;
+        depthToColour_->format = depth_->format;
+        depthToColour_->channels = depth_->channels;
+        copyRecord(depth_, depthToColour_);
+        copyRecord(alignedColour_, colourInput_);
+      }
+    } else if (alignImage_->alignOtherToDepth(*colourToDepth_, *depth_, *colourInput_) == 0) {
+      copyRecord(alignedColour_, colourToDepth_);
+    }
+  } else {
+    resultLock.lock();
+  }
+  restoreResultsSize();
+  if (debugImage_ != 0) {
+    const std::string stamp = formatTimestamp(depth_->timestamp);
+    writeDebugMatrix(debugImgSavePath_ + "/debug_disparity_" + stamp + ".yml", "disparity",
+                     cv::Mat(static_cast<int>(disparity_->height), static_cast<int>(disparity_->width), CV_32F,
+                             disparity_->data));
+    writeDebugMatrix(debugImgSavePath_ + "/debug_depth_" + stamp + ".yml", "depth",
+                     cv::Mat(static_cast<int>(depthOutput_->height), static_cast<int>(depthOutput_->width), CV_32F,
+                             depthOutput_->data));
+  }
+  resultLock.unlock();
+  resultCondition_.notify_all();
 }
 
 void StereoDepth::carryFrameTags(LumoDepthImage* result) {

@@ -22,12 +22,13 @@
 #include <thread>
 #include <vector>
 
-#include <Eigen/Core>
-#include <Eigen/StdVector>
 #include <opencv2/core.hpp>
 
 #include "align/AlignImage.h"
+#include "camera/CalibrationReport.h"
+#include "camera/ImageSize.h"
 #include "camera/LumoCam.h"
+#include "camera/StereoCalibration.h"
 #include "engine/StereoEngineBase.h"
 #include "filters/KesTemporalFilter.h"
 #include "filters/VorSpatialFilter.h"
@@ -47,20 +48,9 @@ constexpr uint64_t kStereoRingSlots = 20;
 constexpr uint64_t kColourRingSlots = 10;
 constexpr uint64_t kPoseRingSlots = 200;
 constexpr std::size_t kAuxCamIndex = 2;  // left, right, auxiliary in the per-camera tables
-
-struct ImageSize {
-  int width;
-  int height;
-};
-
-// Per-camera distortion model as the pipeline keeps it.
-enum CamModel : int {
-  kCamModelUnknown = 0,
-  kCamModelEquidistant = 1,
-  kCamModelRadtan = 2,
-  kCamModelCvBasic = 3,
-  kCamModelNone = 4,
-};
+// Bounds of settings beyond which no configuration makes sense.
+constexpr float kMaxScaling = 16.0f;
+constexpr int kMaxThreads = 64;
 
 class StereoDepth {
  public:
@@ -69,7 +59,9 @@ class StereoDepth {
   StereoDepth(const StereoDepth&) = delete;
   StereoDepth& operator=(const StereoDepth&) = delete;
 
-  // Configuration (relative paths resolved against the file's directory).
+  // Configuration (relative paths resolved against the file's directory). A
+  // configuration whose settings are refused leaves a pipeline that refuses
+  // frames and calibrations for the rest of its life.
   int initFromYaml(const std::string& path);
   // Calibration from the tracker's record: dumps it to stdout, rebuilds maps,
   // the depth table and the engines.
@@ -114,12 +106,20 @@ class StereoDepth {
 
   void preprocessLoop();
   void updateResult();
+  void preprocessFrame(LumoImage* frame);
+  void collectResult();
   void restoreResultsSize();
   void carryFrameTags(LumoDepthImage* result);
   bool depthOfFrameReady(uint64_t timestamp);  // with resultMutex_ held
-  void appendCamera(const cv::Mat& D, const cv::Mat& kInput, int camIndex, int model);
   void recreateEngines();
   bool sizesFitBuffers();
+  std::string settingsProblem() const;
+  bool alignCameraMissing(const char* function);
+  StereoCalibration::Setup calibrationSetup() const;
+  // 0 or 1 for the caller; a fatal outcome ends the process here, on purpose.
+  static int finishImport(ImportStatus status);
+  // Refuses work for a refused configuration, with the caller's name.
+  bool refusedConfiguration(const char* function);
 
   // Switches and paths.
   int moduleEnabled_ = 1;  // an unconfigured pipeline counts as enabled
@@ -157,6 +157,7 @@ class StereoDepth {
   int skipPoint_ = 0;
   int stereoCamIndex_ = 0;
   int depthResultCount_ = 0;  // guarded by resultMutex_
+  std::atomic<bool> configRefused_{false};
 
   // Frame hand-off.
   std::mutex frameMutex_;
@@ -167,22 +168,11 @@ class StereoDepth {
   LumoImage* incomingStereo_ = nullptr;
   LumoImage* workingStereo_ = nullptr;
 
-  // Per-camera tables (left, right, auxiliary) and rectification.
+  // Per-camera tables (left, right, auxiliary) and the calibration.
   std::vector<ImageSize> inputSizes_;
   std::vector<ImageSize> scaledSizes_;
   std::vector<float> scaleRatios_;
-  std::vector<cv::Mat> rectMap1List_;
-  std::vector<cv::Mat> rectMap2List_;
-  cv::Mat rectR1_, rectR2_, rectP1_, rectP2_, rectQ_;
-  using Matrix4dList = std::vector<Eigen::Matrix4d, Eigen::aligned_allocator<Eigen::Matrix4d>>;
-  Matrix4dList camTList_;              // entry i: camera i -> camera i + 1
-  std::vector<cv::Mat> camDList_;      // distortion columns (double)
-  std::vector<cv::Mat> camKInputList_; // 3x3 at input resolution
-  std::vector<cv::Mat> camKProcList_;  // 3x3 at working resolution
-  std::vector<int> camModels_;         // CamModel per camera
-  float baseline_ = 0.0f;
-  std::vector<float> depthLut_;        // (x, y) of the unit-depth ray per depth pixel
-  std::unique_ptr<LumoCam> depthCam_;  // built once per pipeline
+  StereoCalibration calibration_;
   std::mutex rectifyMutex_;
   LumoImage* rectified_ = nullptr;
   LumoImage* colourConversion_ = nullptr;

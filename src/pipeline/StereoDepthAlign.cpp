@@ -8,12 +8,12 @@
 
 #include "api/ErrorLog.h"
 #include "pipeline/FrameRecords.h"
-#include "pipeline/PollSleep.h"
 #include "pipeline/StereoDepth.h"
 
 namespace KorvLumetra {
 
 int StereoDepth::feedRGBImage(LumoImage* image) {
+  if (refusedConfiguration("feedRGBImage")) return 1;
   if (moduleEnabled_ == 0) {
     logError("feedRGBImage", "depth module is not enabled");
     return 1;
@@ -26,8 +26,14 @@ int StereoDepth::feedRGBImage(LumoImage* image) {
     logError("feedRGBImage", "rectify map or camera image size not exists");
     return 1;
   }
+  // The aligned record hands out the frame's channel count: only the two kinds it can hold are taken.
+  if (image->width == 0 || image->height == 0 || (image->channels != 1 && image->channels != 3)) {
+    logErrorf("feedRGBImage", "colour frame of %ux%u pixels with %u channels: it must have pixels and 1 or 3 channels\n",
+              image->width, image->height, image->channels);
+    return 1;
+  }
   const ImageSize input = inputSizes_[kAuxCamIndex];
-  const int channels = image->channels == 1 ? 1 : 3;
+  const int channels = static_cast<int>(image->channels);
   const std::size_t bytes = static_cast<std::size_t>(input.width) * input.height * channels;
   if (input.width <= 0 || input.height <= 0 || bytes > kRingSlotBytes) {
     logError("feedRGBImage", "input image size does not match config params");
@@ -59,30 +65,6 @@ int StereoDepth::feedRGBImage(LumoImage* image) {
   return 0;
 }
 
-namespace {
-
-// Pipeline camera model to the camera model's distortion code.
-bool distortionCode(int camModel, uint8_t* code) {
-  switch (camModel) {
-    case kCamModelEquidistant:
-      *code = 1;
-      return true;
-    case kCamModelRadtan:
-      *code = 2;
-      return true;
-    case kCamModelCvBasic:
-      *code = 4;
-      return true;
-    case kCamModelNone:
-      *code = 0;
-      return true;
-    default:
-      return false;
-  }
-}
-
-}  // namespace
-
 int StereoDepth::initAlignParam() {
   float scale = 1.0f;
   {
@@ -90,47 +72,49 @@ int StereoDepth::initAlignParam() {
     if (engines_.empty() || engines_[0]->getImageScale(&scale) != 0) return 1;
   }
   const std::size_t other = static_cast<std::size_t>(alignedCamIndex_);
-  if (alignedCamIndex_ < 0 || other >= camKInputList_.size() || other >= inputSizes_.size() ||
-      other > camTList_.size() || rectR1_.empty()) {
+  const StereoCalibration& calib = calibration_;
+  if (alignedCamIndex_ < 0 || other >= calib.kInput().size() || other >= inputSizes_.size() ||
+      other > calib.transforms().size() || calib.R1().empty()) {
     return 1;
   }
 
-  // The depth camera is the rectified left view: a pinhole without distortion.
-  // Its grid is the input size times the engine's scale, as the registration
-  // was designed; with stereo_img_scaling other than 1 that grid is larger
-  // than the depth image, whose projection P1 describes.
+  // The depth camera is the rectified left view: a pinhole without distortion,
+  // on the grid of the depth images, the working size (which P1 describes)
+  // times the engine's scale.
   LumoIntrinsics depthIntrinsics{};
-  const ImageSize depthInput = inputSizes_[stereoCamIndex_];
-  depthIntrinsics.width = static_cast<uint32_t>(std::round(static_cast<float>(depthInput.width) * scale));
-  depthIntrinsics.height = static_cast<uint32_t>(std::round(static_cast<float>(depthInput.height) * scale));
-  depthIntrinsics.fx = static_cast<float>(rectP1_.at<double>(0, 0) * scale);
-  depthIntrinsics.fy = static_cast<float>(rectP1_.at<double>(1, 1) * scale);
-  depthIntrinsics.cx = static_cast<float>(rectP1_.at<double>(0, 2) * scale);
-  depthIntrinsics.cy = static_cast<float>(rectP1_.at<double>(1, 2) * scale);
+  const ImageSize depthGrid = scaledSizes_[stereoCamIndex_];
+  const cv::Mat& P1 = calib.P1();
+  depthIntrinsics.width = static_cast<uint32_t>(std::round(static_cast<float>(depthGrid.width) * scale));
+  depthIntrinsics.height = static_cast<uint32_t>(std::round(static_cast<float>(depthGrid.height) * scale));
+  depthIntrinsics.fx = static_cast<float>(P1.at<double>(0, 0) * scale);
+  depthIntrinsics.fy = static_cast<float>(P1.at<double>(1, 1) * scale);
+  depthIntrinsics.cx = static_cast<float>(P1.at<double>(0, 2) * scale);
+  depthIntrinsics.cy = static_cast<float>(P1.at<double>(1, 2) * scale);
 
   LumoIntrinsics otherIntrinsics{};
-  const cv::Mat& K = camKInputList_[other];
+  const cv::Mat& K = calib.kInput()[other];
   otherIntrinsics.width = static_cast<uint32_t>(inputSizes_[other].width);
   otherIntrinsics.height = static_cast<uint32_t>(inputSizes_[other].height);
   otherIntrinsics.fx = static_cast<float>(K.at<double>(0, 0));
   otherIntrinsics.fy = static_cast<float>(K.at<double>(1, 1));
   otherIntrinsics.cx = static_cast<float>(K.at<double>(0, 2));
   otherIntrinsics.cy = static_cast<float>(K.at<double>(1, 2));
-  const cv::Mat& D = camDList_[other];
+  const cv::Mat& D = calib.distortion()[other];
   const int coefficients = static_cast<int>(D.total()) < 8 ? static_cast<int>(D.total()) : 8;
   for (int j = 0; j < coefficients; ++j) otherIntrinsics.distortion_coeffs[j] = static_cast<float>(D.at<double>(j));
-  if (!distortionCode(camModels_[other], &otherIntrinsics.distortion_model)) {
+  if (!lumoCamDistortionCode(calib.models()[other], &otherIntrinsics.distortion_model)) {
     logError("initAlignParam", "unknow cam model, exiting");
     std::fflush(stdout);
     std::exit(-1);
   }
 
   // Rectified depth frame -> left camera (R1 transposed) -> along the chain to the other camera.
+  const cv::Mat& R1 = calib.R1();
   Eigen::Matrix4d E = Eigen::Matrix4d::Identity();
   for (int r = 0; r < 3; ++r) {
-    for (int c = 0; c < 3; ++c) E(r, c) = rectR1_.at<double>(c, r);
+    for (int c = 0; c < 3; ++c) E(r, c) = R1.at<double>(c, r);
   }
-  for (std::size_t i = 0; i < other; ++i) E = camTList_[i] * E;
+  for (std::size_t i = 0; i < other; ++i) E = calib.transforms()[i] * E;
   LumoExtrinsics depthToOther{};
   for (int r = 0; r < 3; ++r) {
     for (int c = 0; c < 3; ++c) depthToOther.rotation[3 * r + c] = static_cast<float>(E(r, c));
@@ -151,29 +135,24 @@ int StereoDepth::syncAlignImages(int auxTolerance, int stereoTolerance) {
   // Written by this thread only, so read without the result mutex.
   const uint64_t reference = depth_->timestamp;
 
-  while (running_.load() != 0) {
-    {
-      std::lock_guard<std::mutex> lock(groupMutex);
-      if (ring.size() == 0) return 0;
-      const LumoImage* front = ring.front();
-      // Compared on the low 32 bits as a signed difference.
-      const int32_t diff = static_cast<int32_t>(static_cast<uint32_t>(reference) -
-                                                static_cast<uint32_t>(front->timestamp));
-      if (diff > tolerance) {  // too old for this depth: dropped
-        ring.pop_front();
-        continue;
-      }
-      if (diff < -tolerance) return 0;  // newer: kept for a later depth
-      if (diff < tolerance && diff > -tolerance) {
-        // A stereo frame is copied whole, both views stacked, as designed.
-        copyRecord(colourInput_, front);
-        ring.pop_front();
-        return 1;
-      }
+  std::lock_guard<std::mutex> lock(groupMutex);
+  while (ring.size() != 0) {
+    const LumoImage* front = ring.front();
+    // Compared on the low 32 bits as a signed difference.
+    const int32_t diff =
+        static_cast<int32_t>(static_cast<uint32_t>(reference) - static_cast<uint32_t>(front->timestamp));
+    // The match is strict on both sides. A frame exactly one tolerance older
+    // can never match a later depth either, so it goes like an older one
+    // instead of holding the thread; one exactly a tolerance newer waits.
+    if (diff >= tolerance) {
+      ring.pop_front();
+      continue;
     }
-    // Exactly one tolerance away matches none of the strict tests; the frame
-    // stays at the front. Wait without the lock, so feeds go on meanwhile.
-    sleepNanos(500000);
+    if (diff <= -tolerance) return 0;  // newer: kept for a later depth
+    // A stereo frame is copied whole, both views stacked, as designed.
+    copyRecord(colourInput_, front);
+    ring.pop_front();
+    return 1;
   }
   return 0;
 }

@@ -1,11 +1,11 @@
 // StereoDepth: reading the configuration file.
-#include <sys/stat.h>
-
 #include <cstdint>
 #include <cstdio>
+#include <stdexcept>
 #include <string>
 
 #include "api/ErrorLog.h"
+#include "engine/StereoCVEngine.h"
 #include "engine/StereoEngineFactory.h"
 #include "pipeline/StereoDepth.h"
 #include "yaml/YamlNode.h"
@@ -14,11 +14,6 @@
 namespace KorvLumetra {
 
 namespace {
-
-bool fileExists(const std::string& path) {
-  struct stat info {};
-  return stat(path.c_str(), &info) == 0;
-}
 
 // Relative paths in the configuration are taken against its own directory.
 std::string resolveAgainst(const std::string& configPath, const std::string& path) {
@@ -77,56 +72,139 @@ bool StereoDepth::sizesFitBuffers() {
   return true;
 }
 
+namespace {
+
+// Working size of a side: the product in single precision, truncated; a
+// product with no int (a refused factor) gives 0 instead of undefined behaviour.
+int scaledSide(int side, float scale) {
+  const float product = static_cast<float>(side) * scale;
+  if (!(product > -2147483648.0f && product < 2147483648.0f)) return 0;
+  return static_cast<int>(product);
+}
+
+std::string shortText(const std::string& text) { return text.size() > 40 ? text.substr(0, 40) + "..." : text; }
+
+std::string number(double value) {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%g", value);
+  return text;
+}
+
+std::string sizeText(int width, int height) { return std::to_string(width) + "x" + std::to_string(height); }
+
+}  // namespace
+
+// Settings that no pipeline can work with, in the order they are checked.
+std::string StereoDepth::settingsProblem() const {
+  const auto badScale = [](float scale) { return !(scale > 0.0f && scale <= kMaxScaling); };
+  if (badScale(stereoImgScaling_)) {
+    return "stereo_img_scaling " + number(stereoImgScaling_) + " must be above 0 and at most " + number(kMaxScaling);
+  }
+  if (badScale(auxCamScaling_)) {
+    return "aux_cam_scaling " + number(auxCamScaling_) + " must be above 0 and at most " + number(kMaxScaling);
+  }
+  if (inputStereoWidth_ <= 0 || inputStereoHeight_ <= 0) {
+    return "input_stereo_width x input_stereo_height " + sizeText(inputStereoWidth_, inputStereoHeight_) +
+           " must be above zero";
+  }
+  const bool colourAligned = alignCamId_ == static_cast<int>(kAuxCamIndex);
+  if (inputAuxCamWidth_ < 0 || inputAuxCamHeight_ < 0 ||
+      (colourAligned && (inputAuxCamWidth_ == 0 || inputAuxCamHeight_ == 0))) {
+    return "input_aux_cam_width x input_aux_cam_height " + sizeText(inputAuxCamWidth_, inputAuxCamHeight_) +
+           " must be above zero";
+  }
+  if (threadNum_ < 0 || threadNum_ > kMaxThreads) {
+    return "thread_num " + std::to_string(threadNum_) + " must be 0 to " + std::to_string(kMaxThreads);
+  }
+  if (alignCamId_ < -1 || alignCamId_ > static_cast<int>(kAuxCamIndex)) {
+    return "align_cam_id " + std::to_string(alignCamId_) +
+           " must be -1 (off), 0 or 1 (a stereo camera) or 2 (the colour camera)";
+  }
+  // The matcher needs its disparity search and a block beside it, and a block's height.
+  const ImageSize working = scaledSizes_[scaledSizes_.size() - 3];
+  const int search = StereoCVEngine::numberOfDisparities(working.width, 1.0f);
+  if (working.width < search + StereoCVEngine::kBlockSize || working.height < StereoCVEngine::kBlockSize) {
+    return "the views are " + sizeText(working.width, working.height) +
+           " pixels when matched (input_stereo_width x input_stereo_height at stereo_img_scaling): the matcher "
+           "needs at least " +
+           sizeText(search + StereoCVEngine::kBlockSize, StereoCVEngine::kBlockSize) + " for its " +
+           std::to_string(search) + " disparities and " + std::to_string(StereoCVEngine::kBlockSize) +
+           "-pixel block";
+  }
+  return std::string();
+}
+
 int StereoDepth::initFromYaml(const std::string& path) {
   using KorvTech::YamlNode;
-  if (!fileExists(path)) {
+  const std::string unreadable = YamlNode::UnreadableReason(path);
+  if (unreadable == "does not exist") {
     logErrorf("initFromYaml", "file not exits: %s\n", path.c_str());
+    return 1;
+  }
+  if (!unreadable.empty()) {
+    logErrorf("initFromYaml", "configuration file %s %s\n", path.c_str(), unreadable.c_str());
     return 1;
   }
   const YamlNode root = YamlNode::LoadFile(path);
 
-  CheckParseYaml(root, "enable_module", &moduleEnabled_);
-  CheckParseYaml(root, "model_path", &modelPath_);
-  const YamlNode calib = root["calib_path"];
-  if (calib.type == YamlNode::Scalar) {
-    calibPath_ = calib.scalar;
-  } else {
-    if (calib.type != YamlNode::Null) std::fputs("[YamlNode] Expected scalar for string conversion\n", stderr);
-    calibPath_.clear();
+  // Text where a number belongs is refused with the key's name instead of
+  // leaving the host with an exception.
+  std::string reading;
+  const auto required = [&](const char* key, auto* out) {
+    reading = key;
+    CheckParseYaml(root, key, out);
+  };
+  const auto optional = [&](const char* key, auto* out, auto fallback) {
+    reading = key;
+    ParseYamlOrDefault(root, key, out, &fallback);
+  };
+  try {
+    required("enable_module", &moduleEnabled_);
+    required("model_path", &modelPath_);
+    const YamlNode calib = root["calib_path"];
+    if (calib.type == YamlNode::Scalar) {
+      calibPath_ = calib.scalar;
+    } else {
+      if (calib.type != YamlNode::Null) std::fputs("[YamlNode] Expected scalar for string conversion\n", stderr);
+      calibPath_.clear();
+    }
+    required("input_stereo_width", &inputStereoWidth_);
+    required("input_stereo_height", &inputStereoHeight_);
+    optional("stereo_img_scaling", &stereoImgScaling_, 1.0f);
+    optional("input_aux_cam_width", &inputAuxCamWidth_, int32_t{1920});
+    optional("input_aux_cam_height", &inputAuxCamHeight_, int32_t{1080});
+    optional("aux_cam_scaling", &auxCamScaling_, 1.0f);
+    required("thread_num", &threadNum_);
+    reading = "async_mode";
+    const YamlNode async = root["async_mode"];
+    if (async.type == YamlNode::Scalar) {
+      asyncMode_ = std::stoi(async.scalar);
+    } else if (async.type != YamlNode::Null) {
+      std::fputs("[YamlNode] Expected scalar for int conversion\n", stderr);
+      asyncMode_ = 0;
+    }
+    required("align_cam_id", &alignCamId_);
+    required("align_direction", &alignDirectionSetting_);
+    required("enable_filter", &enableFilter_);
+    required("wls_filter", &wlsFilter_);
+    required("depth_mode", &depthMode_);
+    required("enable_voxel", &enableVoxel_);
+    required("voxelSize", &voxelSize_);
+    required("minPoints", &minPoints_);
+    required("pointcloud_type", &pointcloudType_);
+    required("pointcloud_ROI", &pointcloudROI_);
+    required("skip_point", &skipPoint_);
+    required("farthest_dist", &farthestDist_);
+    required("cloest_dist", &cloestDist_);
+    required("restore_depth_dim", &restoreDepthDim_);
+    required("debug_image", &debugImage_);
+    required("debug_img_save_path", &debugImgSavePath_);
+  } catch (const std::logic_error&) {  // std::invalid_argument, std::out_of_range
+    logErrorf("initFromYaml", "%s: '%s' is not a number, or is out of range\n", reading.c_str(),
+              shortText(root[reading].scalar).c_str());
+    configRefused_.store(true);
+    return 1;
   }
-  CheckParseYaml(root, "input_stereo_width", &inputStereoWidth_);
-  CheckParseYaml(root, "input_stereo_height", &inputStereoHeight_);
-  const float unitScale = 1.0f;
-  const int defaultAuxWidth = 1920;
-  const int defaultAuxHeight = 1080;
-  ParseYamlOrDefault(root, "stereo_img_scaling", &stereoImgScaling_, &unitScale);
-  ParseYamlOrDefault(root, "input_aux_cam_width", &inputAuxCamWidth_, &defaultAuxWidth);
-  ParseYamlOrDefault(root, "input_aux_cam_height", &inputAuxCamHeight_, &defaultAuxHeight);
-  ParseYamlOrDefault(root, "aux_cam_scaling", &auxCamScaling_, &unitScale);
-  CheckParseYaml(root, "thread_num", &threadNum_);
-  const YamlNode async = root["async_mode"];
-  if (async.type == YamlNode::Scalar) {
-    asyncMode_ = std::stoi(async.scalar);
-  } else if (async.type != YamlNode::Null) {
-    std::fputs("[YamlNode] Expected scalar for int conversion\n", stderr);
-    asyncMode_ = 0;
-  }
-  CheckParseYaml(root, "align_cam_id", &alignCamId_);
-  CheckParseYaml(root, "align_direction", &alignDirectionSetting_);
-  CheckParseYaml(root, "enable_filter", &enableFilter_);
-  CheckParseYaml(root, "wls_filter", &wlsFilter_);
-  CheckParseYaml(root, "depth_mode", &depthMode_);
-  CheckParseYaml(root, "enable_voxel", &enableVoxel_);
-  CheckParseYaml(root, "voxelSize", &voxelSize_);
-  CheckParseYaml(root, "minPoints", &minPoints_);
-  CheckParseYaml(root, "pointcloud_type", &pointcloudType_);
-  CheckParseYaml(root, "pointcloud_ROI", &pointcloudROI_);
-  CheckParseYaml(root, "skip_point", &skipPoint_);
-  CheckParseYaml(root, "farthest_dist", &farthestDist_);
-  CheckParseYaml(root, "cloest_dist", &cloestDist_);
-  CheckParseYaml(root, "restore_depth_dim", &restoreDepthDim_);
-  CheckParseYaml(root, "debug_image", &debugImage_);
-  CheckParseYaml(root, "debug_img_save_path", &debugImgSavePath_);
 
   // Left, right, auxiliary. Appended, so a second call adds three more.
   const ImageSize inputs[3] = {{inputStereoWidth_, inputStereoHeight_},
@@ -134,15 +212,19 @@ int StereoDepth::initFromYaml(const std::string& path) {
                                {inputAuxCamWidth_, inputAuxCamHeight_}};
   const float scales[3] = {stereoImgScaling_, stereoImgScaling_, auxCamScaling_};
   for (int i = 0; i < 3; ++i) {
-    const ImageSize scaled{static_cast<int>(static_cast<float>(inputs[i].width) * scales[i]),
-                           static_cast<int>(static_cast<float>(inputs[i].height) * scales[i])};
+    const ImageSize scaled{scaledSide(inputs[i].width, scales[i]), scaledSide(inputs[i].height, scales[i])};
     inputSizes_.push_back(inputs[i]);
     scaledSizes_.push_back(scaled);
     // From the truncated width, so it may differ slightly from the configured factor.
     scaleRatios_.push_back(static_cast<float>(scaled.width) / static_cast<float>(inputs[i].width));
   }
 
-  if (!sizesFitBuffers()) return 1;
+  const std::string problem = settingsProblem();
+  if (!problem.empty()) logError("initFromYaml", problem.c_str());
+  if (!problem.empty() || !sizesFitBuffers()) {
+    configRefused_.store(true);
+    return 1;
+  }
 
   // The model path is handed to the engines as written: the matcher does not use it.
   setDepthAlignedInfo(alignCamId_, alignDirectionSetting_, alignCamId_ != -1);
@@ -152,6 +234,7 @@ int StereoDepth::initFromYaml(const std::string& path) {
     logError("initFromYaml", "init camera failed");
     return 1;
   }
+  if (alignCameraMissing("initFromYaml")) return 1;
   if (initRectifyMap() == 1) return 1;
   recreateEngines();
   return 0;
@@ -160,11 +243,11 @@ int StereoDepth::initFromYaml(const std::string& path) {
 void StereoDepth::recreateEngines() {
   const ImageSize working = scaledSizes_[stereoCamIndex_];
   // Depth = baseline * rectified focal length / disparity, in the calibration's unit.
-  const float focal = static_cast<float>(rectP1_.at<double>(0, 0));
+  const float focal = static_cast<float>(calibration_.P1().at<double>(0, 0));
   std::lock_guard<std::mutex> lock(engineMutex_);
   engines_.clear();
   for (int i = 0; i < threadNum_; ++i) {
-    auto engine = StereoEngineFactory::createStereoEngine(working.width, working.height, 3, modelPath_, baseline_,
+    auto engine = StereoEngineFactory::createStereoEngine(working.width, working.height, 3, modelPath_, calibration_.baseline(),
                                                           focal, debugImage_, debugImgSavePath_, depthMode_, 1.0f,
                                                           wlsFilter_);
     if (engine != nullptr) engines_.push_back(std::move(engine));

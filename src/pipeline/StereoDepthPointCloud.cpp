@@ -23,10 +23,14 @@ constexpr int64_t kPoseTimeLimit = 50000000;  // in the unit of the host's time 
 // Rows or columns [begin, end) of the region of interest, in single precision
 // and truncated, clamped to the image for regions larger than it.
 void roiRange(int size, float roi, int* begin, int* end) {
-  *begin = static_cast<int>(static_cast<float>(size) * (1.0f - roi) * 0.5f);
-  *end = static_cast<int>(static_cast<float>(size) * (1.0f + roi) * 0.5f);
-  *begin = std::max(*begin, 0);
-  *end = std::min(*end, size);
+  const float first = static_cast<float>(size) * (1.0f - roi) * 0.5f;
+  const float last = static_cast<float>(size) * (1.0f + roi) * 0.5f;
+  // Clamped before the conversion, so that no region (NaN, huge) has an
+  // undefined one; an empty range for NaN.
+  const float high = static_cast<float>(size);
+  *begin = first > 0.0f ? (first < high ? static_cast<int>(first) : size) : 0;
+  *end = last > 0.0f ? (last < high ? static_cast<int>(last) : size) : 0;
+  if (first != first) *begin = size;
 }
 
 // A floored quotient as a voxel index; values with no int32 (NaN points are
@@ -112,14 +116,15 @@ unsigned int StereoDepth::getCoordinates2Ext(const int* pixels, int count, const
       index = static_cast<long long>(v) * width + u;
     }
     // The ray table covers the configured depth image only.
-    if (2 * static_cast<std::size_t>(index) + 1 >= depthLut_.size() ||
+    const std::vector<float>& depthLut = calibration_.depthLut();
+    if (2 * static_cast<std::size_t>(index) + 1 >= depthLut.size() ||
         static_cast<std::size_t>(index) >= static_cast<std::size_t>(width) * height) {
       continue;
     }
     const float d = depth->data[index];
     if (d > 0.0f) {
-      out[0] = depthLut_[2 * index] * d;
-      out[1] = depthLut_[2 * index + 1] * d;
+      out[0] = depthLut[2 * index] * d;
+      out[1] = depthLut[2 * index + 1] * d;
       out[2] = d;
     }
   }
@@ -141,10 +146,11 @@ unsigned int StereoDepth::initPointcloudLUT() {
   const int W = static_cast<int>(std::round(static_cast<float>(working.width) * scale));
   const int H = static_cast<int>(std::round(static_cast<float>(working.height) * scale));
   const uint64_t count = static_cast<uint64_t>(W > 0 ? W : 0) * static_cast<uint64_t>(H > 0 ? H : 0);
-  const float fx = static_cast<float>(rectP1_.at<double>(0, 0)) * scale;
-  const float fy = static_cast<float>(rectP1_.at<double>(1, 1)) * scale;
-  const float cx = static_cast<float>(rectP1_.at<double>(0, 2)) * scale;
-  const float cy = static_cast<float>(rectP1_.at<double>(1, 2)) * scale;
+  const cv::Mat& P1 = calibration_.P1();
+  const float fx = static_cast<float>(P1.at<double>(0, 0)) * scale;
+  const float fy = static_cast<float>(P1.at<double>(1, 1)) * scale;
+  const float cx = static_cast<float>(P1.at<double>(0, 2)) * scale;
+  const float cy = static_cast<float>(P1.at<double>(1, 2)) * scale;
 
   if (count != cloudPixelCount_) {
     std::free(rayTable_);
@@ -182,7 +188,7 @@ unsigned int StereoDepth::initPointcloudLUT() {
   // Into the unrectified left camera frame: by the transpose of R1.
   float R[3][3];
   for (int r = 0; r < 3; ++r) {
-    for (int c = 0; c < 3; ++c) R[r][c] = static_cast<float>(rectR1_.at<double>(r, c));
+    for (int c = 0; c < 3; ++c) R[r][c] = static_cast<float>(calibration_.R1().at<double>(r, c));
   }
   for (uint64_t i = 0; i < count; ++i) {
     float* ray = rayTable_ + 3 * i;
@@ -211,7 +217,7 @@ void StereoDepth::generatePointCloud() {
   roiRange(static_cast<int>(H), pointcloudROI_, &rowBegin, &rowEnd);
   roiRange(static_cast<int>(W), pointcloudROI_, &columnBegin, &columnEnd);
   // The sampling grid is anchored at the image origin, not at the region.
-  const int step = skipPoint_ + 1 > 0 ? skipPoint_ + 1 : 1;
+  const int64_t step = skipPoint_ >= 0 ? int64_t{skipPoint_} + 1 : 1;
   const float* depth = depth_->data;
   float* out = pointBuffer_;
   for (int row = rowBegin; row < rowEnd; ++row) {

@@ -106,6 +106,8 @@ std::vector<int32_t> toInts(const YamlNode& value) {
 
 }  // namespace
 
+bool HasYamlKey(const YamlNode& node, const std::string& key) { return findPresent(node, key) != nullptr; }
+
 int CheckParseYaml(const YamlNode& node, const std::string& key, float* out) {
   *out = toFloat(requirePresent(node, key));
   return 1;

@@ -34,6 +34,10 @@
 
 namespace KorvLumetra {
 
+// Whether `key` counts as present, by the rule above; lets a caller that must
+// not end the process test a required key first.
+bool HasYamlKey(const KorvTech::YamlNode& node, const std::string& key);
+
 int CheckParseYaml(const KorvTech::YamlNode& node, const std::string& key, float* out);
 int CheckParseYaml(const KorvTech::YamlNode& node, const std::string& key, int32_t* out);
 // True exactly for "true", "yes", "on" or "1" in any letter case.

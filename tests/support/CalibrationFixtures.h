@@ -28,18 +28,19 @@ namespace KorvLumetra {
 
 // Reaches the calibration state of a pipeline (the class befriends it).
 struct StereoDepthTestAccess {
-  static auto& kInput(StereoDepth& p) { return p.camKInputList_; }
-  static auto& kProc(StereoDepth& p) { return p.camKProcList_; }
-  static auto& distortion(StereoDepth& p) { return p.camDList_; }
-  static auto& models(StereoDepth& p) { return p.camModels_; }
-  static auto& transforms(StereoDepth& p) { return p.camTList_; }
-  static float baseline(StereoDepth& p) { return p.baseline_; }
-  static auto& depthLut(StereoDepth& p) { return p.depthLut_; }
-  static auto& map1(StereoDepth& p) { return p.rectMap1List_; }
-  static auto& map2(StereoDepth& p) { return p.rectMap2List_; }
-  static cv::Mat& R1(StereoDepth& p) { return p.rectR1_; }
-  static cv::Mat& P1(StereoDepth& p) { return p.rectP1_; }
-  static cv::Mat& P2(StereoDepth& p) { return p.rectP2_; }
+  static const StereoCalibration& calibration(StereoDepth& p) { return p.calibration_; }
+  static const auto& kInput(StereoDepth& p) { return p.calibration_.kInput(); }
+  static const auto& kProc(StereoDepth& p) { return p.calibration_.kProc(); }
+  static const auto& distortion(StereoDepth& p) { return p.calibration_.distortion(); }
+  static const auto& models(StereoDepth& p) { return p.calibration_.models(); }
+  static const auto& transforms(StereoDepth& p) { return p.calibration_.transforms(); }
+  static float baseline(StereoDepth& p) { return p.calibration_.baseline(); }
+  static const auto& depthLut(StereoDepth& p) { return p.calibration_.depthLut(); }
+  static const auto& map1(StereoDepth& p) { return p.calibration_.map1(); }
+  static const auto& map2(StereoDepth& p) { return p.calibration_.map2(); }
+  static const cv::Mat& R1(StereoDepth& p) { return p.calibration_.R1(); }
+  static const cv::Mat& P1(StereoDepth& p) { return p.calibration_.P1(); }
+  static const cv::Mat& P2(StereoDepth& p) { return p.calibration_.P2(); }
   static auto& scaledSizes(StereoDepth& p) { return p.scaledSizes_; }
   static auto& scaleRatios(StereoDepth& p) { return p.scaleRatios_; }
   static const StereoEngineBase* engine(StereoDepth& p, std::size_t i) { return p.engines_[i].get(); }

@@ -1,0 +1,11 @@
+// The pixel size of one camera's images.
+#pragma once
+
+namespace KorvLumetra {
+
+struct ImageSize {
+  int width;
+  int height;
+};
+
+}  // namespace KorvLumetra
