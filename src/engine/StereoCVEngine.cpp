@@ -264,8 +264,10 @@ void StereoCVEngine::inferLoop() {
     } catch (const std::exception& e) {
       logErrorf("inferLoop", "frame %llu dropped: %s\n", static_cast<unsigned long long>(workingFrame_->timestamp),
                 oneLine(e.what()).c_str());
+      droppedFrames_.fetch_add(1);
     } catch (...) {
       logError("inferLoop", "frame dropped: unknown exception");
+      droppedFrames_.fetch_add(1);
     }
     busy_.store(0);
   }

@@ -52,6 +52,8 @@ class StereoCVEngine : public StereoEngineBase {
   bool isInitialized() const override { return initialized_.load(); }
 
   const MatcherSettings& matcherSettings() const { return settings_; }
+  // Frames the worker dropped on an exception, each with an error line.
+  uint64_t droppedFrames() const { return droppedFrames_.load(); }
 
   // Disparity search range for a view width and scale: about a tenth of the
   // scaled width, at least 16, capped at 64 below half scale and 128 above.
@@ -87,6 +89,7 @@ class StereoCVEngine : public StereoEngineBase {
   std::mutex inputMutex_;
   std::atomic<uint64_t> latestTimestamp_{0};
   std::atomic<bool> resultReady_{false};
+  std::atomic<uint64_t> droppedFrames_{0};
   std::array<int, 4> shape_{{1, 1, 0, 0}};
   std::mutex resultMutex_;
   int width_ = 0;

@@ -1,8 +1,10 @@
 // What a host gets for bad input that the other host tests do not reach: a
-// handle without configuration, frames the preprocessing cannot use, a list for
-// a number, faulty calibration files and missing required keys.
+// handle without configuration, hostile configuration and calibration files,
+// frames the pipeline cannot use, a list for a number and missing required
+// keys. Faulty calibration values are in CalibrationFilesTest.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -24,10 +26,13 @@ std::string createQuietly(void** handle, const std::string& path) {
   return LumoTest::captureStdout([&] { KORV_LUMO_D_CreateHandleWithConfig(handle, path.c_str()); });
 }
 
-// A configuration with a rendered rig's calibration beside it.
-std::string writeHost(const TempDir& dir, HostConfig config) {
+// A configuration of the rendered rig's size, with its calibration beside it.
+HostConfig hostConfig() {
+  return HostConfig().set("input_stereo_width", std::to_string(kWidth)).set("input_stereo_height", std::to_string(kHeight));
+}
+
+std::string writeHost(const TempDir& dir, const HostConfig& config) {
   LumoSynth::writeCalibrationYaml(dir.file("calib.yaml"), LumoSynth::pinholeRig(kWidth, kHeight));
-  config.set("input_stereo_width", std::to_string(kWidth)).set("input_stereo_height", std::to_string(kHeight));
   config.write(dir.file("config.yaml"));
   return dir.file("config.yaml");
 }
@@ -75,7 +80,7 @@ TEST(BadInput, HandleWithoutConfigurationRefusesFeedsAndQueries) {
 TEST(BadInput, AListForANumberAndAnUnusableChannelCount) {
   TempDir dir;
   void* handle = nullptr;
-  const std::string path = writeHost(dir, HostConfig().set("async_mode", "[1, 2]"));
+  const std::string path = writeHost(dir, hostConfig().set("async_mode", "[1, 2]"));
   const std::string warned = LumoTest::captureStderr([&] { createQuietly(&handle, path); });
   EXPECT_NE(warned.find("[YamlNode] Expected scalar for int conversion"), std::string::npos) << warned;
   cv::Mat twoChannels = stackedFrame(2), grey = stackedFrame(1);
@@ -92,18 +97,109 @@ TEST(BadInput, AListForANumberAndAnUnusableChannelCount) {
   KORV_LUMO_D_DestroyHandle(handle);
 }
 
-TEST(BadInput, CalibrationWithoutCamerasLeavesNoMaps) {
-  TempDir dir;
-  const std::string path = writeHost(dir, HostConfig());
-  LumoTest::writeText(dir.file("calib.yaml"), "# no cameras\n");
-  void* handle = nullptr;
-  const std::string printed = createQuietly(&handle, path);
-  EXPECT_NE(printed.find("initCameraFromCalibYaml(): cam num in calib file is not correct: 1\n"), std::string::npos)
-      << printed;
+// The error line of a refused configuration names the setting and the reason;
+// the handle then refuses frames and is destroyed as usual. `path` is the file
+// given to creation, with {dir} for the scratch directory.
+TEST(BadInput, HostileConfigurationsAreRefusedAndTheHostLivesOn) {
+  const std::string refused = "feedStereoImage(): the configuration was refused when the handle was created: "
+                              "nothing is taken";
+  const std::string noMaps = "feedStereoImage(): rectify map or camera image size not exists";
+  struct Case {
+    HostConfig config;
+    std::string path, message, feedMessage;
+  };
+  const std::string big((1 << 20) + 1, '#');
+  const Case cases[] = {
+      {hostConfig(), "{dir}", "initFromYaml(): configuration file {dir} is a directory", noMaps},
+      {hostConfig().set("calib_path", "sub"), "",
+       "initCameraFromCalibYaml(): calibration file {dir}/sub is a directory", noMaps},
+      {hostConfig().set("calib_path", "big.yaml"), "",
+       "initCameraFromCalibYaml(): calibration file {dir}/big.yaml is larger than 1 MB (1048577 bytes)", noMaps},
+      {hostConfig().set("calib_path", "empty.yaml"), "",
+       "initCameraFromCalibYaml(): cam num in calib file is not correct: 1", noMaps},
+      {hostConfig().set("thread_num", "two"), "", "initFromYaml(): thread_num: 'two' is not a number, or is out of range",
+       refused},
+      {hostConfig().set("stereo_img_scaling", "0"), "", "initFromYaml(): stereo_img_scaling 0 must be above 0 and at most 16",
+       refused},
+      {hostConfig().set("stereo_img_scaling", "-1"), "",
+       "initFromYaml(): stereo_img_scaling -1 must be above 0 and at most 16", refused},
+      {hostConfig().set("stereo_img_scaling", "nan"), "",
+       "initFromYaml(): stereo_img_scaling nan must be above 0 and at most 16", refused},
+      {hostConfig().set("stereo_img_scaling", "1e30"), "",
+       "initFromYaml(): stereo_img_scaling 1e+30 must be above 0 and at most 16", refused},
+      {hostConfig().set("aux_cam_scaling", "0"), "", "initFromYaml(): aux_cam_scaling 0 must be above 0 and at most 16",
+       refused},
+      {hostConfig().set("input_stereo_width", "0"), "",
+       "initFromYaml(): input_stereo_width x input_stereo_height 0x200 must be above zero", refused},
+      {hostConfig().set("input_stereo_width", "16").set("input_stereo_height", "10"), "",
+       "initFromYaml(): the views are 16x10 pixels when matched (input_stereo_width x input_stereo_height at "
+       "stereo_img_scaling): the matcher needs at least 27x11 for its 16 disparities and 11-pixel block",
+       refused},
+      {hostConfig().set("stereo_img_scaling", "0.05"), "",
+       "initFromYaml(): the views are 16x10 pixels when matched (input_stereo_width x input_stereo_height at "
+       "stereo_img_scaling): the matcher needs at least 27x11 for its 16 disparities and 11-pixel block",
+       refused},
+      {hostConfig().set("thread_num", "-1"), "", "initFromYaml(): thread_num -1 must be 0 to 64", refused},
+      {hostConfig().set("thread_num", "65"), "", "initFromYaml(): thread_num 65 must be 0 to 64", refused},
+      {hostConfig().set("align_cam_id", "-2"), "",
+       "initFromYaml(): align_cam_id -2 must be -1 (off), 0 or 1 (a stereo camera) or 2 (the colour camera)", refused},
+      {hostConfig().set("align_cam_id", "7"), "",
+       "initFromYaml(): align_cam_id 7 must be -1 (off), 0 or 1 (a stereo camera) or 2 (the colour camera)", refused},
+      {hostConfig().set("align_cam_id", "2"), "",
+       "initFromYaml(): align_cam_id 2 names a camera the calibration does not have (it holds 2)", noMaps},
+      {hostConfig().set("input_stereo_width", "1400").set("input_stereo_height", "900"), "",
+       "initFromYaml(): input_stereo_width x input_stereo_height at stereo_img_scaling gives 1400x900 per view, "
+       "over the limit of 6144000 bytes for both views in 3 channels",
+       refused},
+  };
   cv::Mat pixels = stackedFrame(1);
-  LumoImage frame = LumoTest::wrapStacked(pixels, 1);
-  LumoTest::captureStdout([&] { EXPECT_EQ(KORV_LUMO_D_FeedStereoImage(handle, &frame), 1); });
-  KORV_LUMO_D_DestroyHandle(handle);
+  for (const Case& c : cases) {
+    TempDir dir;
+    const auto expand = [&](std::string text) {
+      for (auto at = text.find("{dir}"); at != std::string::npos; at = text.find("{dir}")) text.replace(at, 5, dir.path());
+      return text;
+    };
+    SCOPED_TRACE(expand(c.message));
+    std::filesystem::create_directory(dir.file("sub"));
+    LumoTest::writeText(dir.file("big.yaml"), big);
+    LumoTest::writeText(dir.file("empty.yaml"), "# no cameras\n");
+    const std::string config = writeHost(dir, c.config);
+    void* handle = nullptr;
+    const std::string printed = createQuietly(&handle, c.path.empty() ? config : expand(c.path));
+    ASSERT_NE(handle, nullptr);
+    const std::size_t at = printed.find("[ ERROR] ") + 9;
+    EXPECT_EQ(printed.substr(at, printed.find('\n', at) - at), expand(c.message)) << printed;
+    LumoImage frame = LumoTest::wrapStacked(pixels, 1);
+    const std::string fed =
+        LumoTest::captureStdout([&] { EXPECT_EQ(KORV_LUMO_D_FeedStereoImage(handle, &frame), 1); });
+    EXPECT_NE(fed.find("[ ERROR] " + c.feedMessage + "\n"), std::string::npos) << fed;
+    EXPECT_EQ(KORV_LUMO_D_DestroyHandle(handle), 0);
+  }
+}
+
+// Frames the pipeline cannot hold are refused at the feed, and the handle
+// goes on producing depth for good frames.
+TEST(BadInput, UnusableFramesAreRefusedAtTheFeed) {
+  TempDir dir;
+  void* handle = nullptr;
+  createQuietly(&handle, writeHost(dir, hostConfig().set("align_cam_id", "2").set("input_aux_cam_width", "640")
+                                                .set("input_aux_cam_height", "360")));
+  cv::Mat grey = stackedFrame(1), colour(360, 640, CV_8UC4, cv::Scalar::all(9));
+  LumoImage stamped0 = LumoTest::wrapStacked(grey, 0), noWidth = LumoTest::wrapStacked(colour, 5),
+            fourChannels = noWidth;
+  noWidth.width = 0;
+  const std::string printed = LumoTest::captureStdout([&] {
+    EXPECT_EQ(KORV_LUMO_D_FeedStereoImage(handle, &stamped0), 1);
+    EXPECT_EQ(KORV_LUMO_D_FeedRGBImage(handle, &noWidth), 1);
+    EXPECT_EQ(KORV_LUMO_D_FeedRGBImage(handle, &fourChannels), 1);
+  });
+  for (const std::string line :
+       {"feedStereoImage(): frame time stamp 0 is reserved for 'no frame yet': give frames a non-zero time stamp",
+        "feedRGBImage(): colour frame of 0x360 pixels with 4 channels: it must have pixels and 1 or 3 channels",
+        "feedRGBImage(): colour frame of 640x360 pixels with 4 channels: it must have pixels and 1 or 3 channels"}) {
+    EXPECT_NE(printed.find("[ ERROR] " + line + "\n"), std::string::npos) << printed;
+  }
+  EXPECT_EQ(KORV_LUMO_D_DestroyHandle(handle), 0);
 }
 
 // A required key missing from either file ends the process. A near miss of the
@@ -111,14 +207,14 @@ TEST(BadInput, CalibrationWithoutCamerasLeavesNoMaps) {
 TEST(BadInputDeathTest, MissingRequiredKeysEndTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   TempDir dir;
-  const std::string path = writeHost(dir, HostConfig().remove("cloest_dist").set("closest_dist", "0.1"));
+  const std::string path = writeHost(dir, hostConfig().remove("cloest_dist").set("closest_dist", "0.1"));
   const auto create = [&] {
     void* handle = nullptr;
     KORV_LUMO_D_CreateHandleWithConfig(&handle, path.c_str());
   };
   EXPECT_EXIT(create(), testing::ExitedWithCode(1), R"(\[CheckParseYaml\] Missing required key: cloest_dist)");
 
-  writeHost(dir, HostConfig());
+  writeHost(dir, hostConfig());
   std::string text = LumoSynth::calibrationYaml(LumoSynth::pinholeRig(kWidth, kHeight));
   text.replace(text.find("resolution", text.find("cam1")), 10, "resolutiom");
   LumoTest::writeText(dir.file("calib.yaml"), text);

@@ -85,4 +85,35 @@ TEST(TrackerBinding, CalibrationFromTheTrackerDrivesDepth) {
   EXPECT_EQ(KORV_LUMO_D_DestroyHandle(handle), 0);
 }
 
+// A configuration refused for its sizes stays refused: a record that matches
+// those sizes is not taken, so nothing is ever built for buffers too small.
+TEST(TrackerBinding, ARefusedConfigurationTakesNoCalibration) {
+  const LumoSynth::Rig rig = LumoSynth::pinholeRig(1400, 900);
+  g_calibration = recordOf(rig);
+  LumoTest::TempDir dir;
+  LumoTest::HostConfig()
+      .set("calib_path", "")
+      .set("input_stereo_width", "1400")
+      .set("input_stereo_height", "900")
+      .write(dir.file("config.yaml"));
+  void* handle = nullptr;
+  LumoTest::captureStdout([&] { KORV_LUMO_D_CreateHandleWithConfig(&handle, dir.file("config.yaml").c_str()); });
+  int navra = 0, bound = -1, fed = -1;
+  std::vector<uint8_t> pixels(1400 * 1800, 128);
+  LumoImage frame{0, 0, 5, 1400, 1800, 1, 0, 0, 1400, 1400 * 1800, pixels.data()};
+  const std::string printed = LumoTest::captureStdout([&] {
+    bound = KORV_LUMO_D_BindNavra(handle, &navra);
+    fed = KORV_LUMO_D_FeedStereoImage(handle, &frame);
+  });
+  EXPECT_EQ(bound, 1);
+  EXPECT_EQ(fed, 1);
+  for (const char* function : {"initCameraFromCalib", "feedStereoImage"}) {
+    EXPECT_NE(printed.find(std::string("[ ERROR] ") + function +
+                           "(): the configuration was refused when the handle was created: nothing is taken\n"),
+              std::string::npos)
+        << printed;
+  }
+  EXPECT_EQ(KORV_LUMO_D_DestroyHandle(handle), 0);
+}
+
 }  // namespace

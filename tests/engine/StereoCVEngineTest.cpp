@@ -138,5 +138,28 @@ TEST_P(EngineOnShiftedPair, RefusesBadInputAndRecoversConstantDisparityAndDepth)
 INSTANTIATE_TEST_SUITE_P(Matcher, EngineOnShiftedPair, testing::Bool(),
                          [](const testing::TestParamInfo<bool>& info) { return info.param ? "WithWls" : "Plain"; });
 
+// Views with no room for the search would make OpenCV assert inside a
+// destructor, past any handler: the worker drops such a frame with one line
+// and stays ready for the next.
+TEST(StereoCVEngine, AFrameItCannotMatchIsDroppedAndTheWorkerGoesOn) {
+  StereoCVEngine engine(16, 10, 3, 0.1f, 100.0f, 1.0f, 0, "", false);
+  cv::Mat pixels(20, 16, CV_8UC3, cv::Scalar::all(90));
+  LumoImage frame = wrapStacked(pixels, 31);
+  const std::string printed = LumoTest::captureStdout([&] {
+    ASSERT_EQ(engine.feedImage(&frame), 0);
+    ASSERT_TRUE(waitFor([&] { return engine.droppedFrames() == 1 && !engine.isBusy(); }));
+  });
+  EXPECT_NE(printed.find("[ ERROR] inferLoop(): frame 31 dropped: views of 16 columns leave no room for 16 disparities\n"),
+            std::string::npos)
+      << printed;
+  EXPECT_FALSE(engine.isResultReady());
+  EXPECT_EQ(engine.getLatestTimestamp(), 0u);
+  frame.timestamp = 32;
+  LumoTest::captureStdout([&] {
+    ASSERT_EQ(engine.feedImage(&frame), 0);
+    EXPECT_TRUE(waitFor([&] { return engine.droppedFrames() == 2; }));  // the worker still runs
+  });
+}
+
 }  // namespace
 }  // namespace KorvLumetra
