@@ -112,10 +112,13 @@ struct Agreement {
 // is taken back into the rectified frame and its z there is expected. Only
 // points the matcher can see count: away from the rectified view's borders,
 // right of the columns without a full search, nearer than the search reaches.
-Agreement agreementInCamera(const Rendered& r, int c, const cv::Mat& depth) {
+// `scale` is the stereo views' working scale, which the rectified rotation does not depend on.
+Agreement agreementInCamera(const Rendered& r, int c, const cv::Mat& depth, double scale = 1.0) {
   const LumoSynth::Camera& cam = r.rig.cameras[c];
   const Eigen::Isometry3d rectFromCam = cameraFromRectified(r, c).inverse();
-  const double f = r.rect.P1.at<double>(0, 0), cx = r.rect.P1.at<double>(0, 2), cy = r.rect.P1.at<double>(1, 2);
+  const LumoSynth::Rectification rect = LumoSynth::rectification(r.rig, scale);
+  const double f = rect.P1.at<double>(0, 0), cx = rect.P1.at<double>(0, 2), cy = rect.P1.at<double>(1, 2);
+  const int searchRange = static_cast<int>(kSearchRange * scale), width = rect.size.width, height = rect.size.height;
   std::vector<double> relative;
   Agreement a;
   for (int y = 0; y < cam.height; ++y) {
@@ -125,8 +128,8 @@ Agreement agreementInCamera(const Rendered& r, int c, const cv::Mat& depth) {
       if (z <= 0.0f || !LumoSynth::pixelRay(cam, x, y, ray)) continue;
       const Eigen::Vector3d p = rectFromCam * Eigen::Vector3d(ray.x() * z, ray.y() * z, z);
       const double u = f * p.x() / p.z() + cx, v = f * p.y() / p.z() + cy;
-      if (u < kSearchRange + 8 || u >= kWidth - 8 || v < 8 || v >= kHeight - 8) continue;
-      if (f * r.rect.baseline / p.z() >= kSearchRange - 1) continue;
+      if (u < searchRange + 8 || u >= width - 8 || v < 8 || v >= height - 8) continue;
+      if (f * rect.baseline / p.z() >= searchRange - 1) continue;
       ++a.visible;
       const float d = depth.at<float>(y, x);
       if (d > 0.0f) relative.push_back(std::fabs(d - p.z()) / p.z());
@@ -141,14 +144,21 @@ Agreement agreementInCamera(const Rendered& r, int c, const cv::Mat& depth) {
 
 // Depth registered into camera 2 at full size, then not restored with that
 // camera scaled by 0.5 (depth and paired colour frame take its scaled size);
-// and into camera 1, the right stereo camera, whose frames come from the
-// stereo ring: the matched frame is the stacked pair as fed.
+// into camera 1, the right stereo camera, whose frames come from the stereo
+// ring: the matched frame is the stacked pair as fed; and into camera 2 from
+// stereo views matched at half size.
 TEST(Alignment, DepthIntoAnotherCameraMatchesItsGroundTruth) {
   const Rendered& r = rendered();
-  for (const auto& [camera, half] : {std::pair(2, false), std::pair(2, true), std::pair(1, false)}) {
-    SCOPED_TRACE(std::to_string(camera) + (half ? ", half size" : ""));
+  enum { kFull, kHalfColour, kHalfStereo };
+  for (const auto& [camera, variant] : {std::pair(2, kFull), std::pair(2, kHalfColour), std::pair(1, kFull),
+                                        std::pair(2, kHalfStereo)}) {
+    const bool half = variant == kHalfColour;
+    SCOPED_TRACE(std::to_string(camera) + (half ? ", half colour size" : variant ? ", half stereo size" : ""));
     Host host(camera, true,
-              HostConfig().set("aux_cam_scaling", half ? "0.5" : "1").set("restore_depth_dim", half ? "0" : "1"));
+              HostConfig()
+                  .set("aux_cam_scaling", half ? "0.5" : "1")
+                  .set("restore_depth_dim", half ? "0" : "1")
+                  .set("stereo_img_scaling", variant == kHalfStereo ? "0.5" : "1"));
     ASSERT_EQ(camera == 2 ? host.feedColour(r.colour, 1000) : 0, 0);
     ASSERT_EQ(host.feedStereo(1000), 0);  // synchronous: returns once the aligned depth exists
     ASSERT_EQ(host.get(), 0);
@@ -161,9 +171,12 @@ TEST(Alignment, DepthIntoAnotherCameraMatchesItsGroundTruth) {
     ASSERT_EQ(host.alignedMat().size(), expected.size());
     EXPECT_LE(cv::norm(host.alignedMat(), expected, cv::NORM_INF), half ? 1.0 : 0.0);
     if (half) continue;
-    const Agreement a = agreementInCamera(r, camera, host.depthMat());
+    const Agreement a = agreementInCamera(r, camera, host.depthMat(), variant == kHalfStereo ? 0.5 : 1.0);
     EXPECT_GT(a.visible, 100000);
-    EXPECT_LT(a.median, 0.03);    // measured 1.5 %, the matcher's own error: registration adds none
+    // Measured 1.5 %, the matcher's own error: registration adds none. Views
+    // matched at half size give 3.7 % (and 10 % over half the camera when the
+    // registration took the depth grid for the input size).
+    EXPECT_LT(a.median, variant == kHalfStereo ? 0.05 : 0.03);
     EXPECT_GT(a.coverage, 0.90);  // footprints of neighbouring depth pixels tile the other camera's grid
   }
 }
