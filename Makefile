@@ -67,16 +67,17 @@ demo: configure
 clean:
 	rm -rf build build-asan build-tsan build-fuzz
 
-# libFuzzer runs of the YAML reader, the typed readers and the calibration
-# import, FUZZ_SECONDS each, from the seeds in tests/fuzz/corpus (new inputs go
+# libFuzzer runs of the YAML reader, the typed readers and the two calibration
+# imports (file and tracker record, with their checks, depth table and maps),
+# FUZZ_SECONDS each, from the seeds in tests/fuzz/corpus (new inputs go
 # to build-fuzz/corpus, the seeds stay as they are). A crash, a sanitizer
 # report or a leak stops the run and leaves the input in build-fuzz/.
 FUZZ_SECONDS ?= 60
 fuzz:
 	@bash scripts/install-deps.sh --fuzz
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMO_FUZZ=ON
-	cmake --build build-fuzz -j$(JOBS) --target fuzz_yaml fuzz_readers fuzz_calibration
-	@for target in yaml readers calibration; do \
+	cmake --build build-fuzz -j$(JOBS) --target fuzz_yaml fuzz_readers fuzz_calibration fuzz_record
+	@for target in yaml readers calibration record; do \
 	  mkdir -p build-fuzz/corpus/$$target; \
 	  echo "fuzz_$$target: $(FUZZ_SECONDS) s"; \
 	  if build-fuzz/tests/fuzz/fuzz_$$target -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
