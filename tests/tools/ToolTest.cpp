@@ -172,27 +172,50 @@ TEST(ToolSequence, InfoShowsTheRigAndFlagsSettingsThatLookWrong) {
   EXPECT_NEAR(numberAfter(ok.out, "Baseline"), 0.1, 1e-4) << ok.out;  // the pinhole rig's 10 cm
   EXPECT_NE(ok.out.find("Warnings: none"), std::string::npos) << ok.out;
 
+  // Calibrations the library refuses, or cannot measure with: in millimetres
+  // (translations times 1000) the nearest reachable depth is beyond the 12 units kept.
+  const std::string calib = readText(sample() + "/calib.yaml");
+  std::string millimetres = calib, omni = calib;
+  const std::regex row(R"((  - \[[^,]+, [^,]+, [^,]+, )([^\]]+)\])");
+  for (std::sregex_iterator it(calib.begin(), calib.end(), row), end; it != end; ++it) {
+    const std::string scaled = (*it)[1].str() + std::to_string(std::stod((*it)[2].str()) * 1000) + "]";
+    if ((*it)[2].str() != "1") millimetres.replace(millimetres.find((*it)[0].str()), (*it)[0].length(), scaled);
+  }
+  omni.replace(omni.find("cam0:\n"), 6, "cam0:\n  camera_model: omni\n");
+  writeText(sample() + "/millimetres.yaml", millimetres);
+  writeText(sample() + "/omni.yaml", omni);
+
   const std::string base = readText(config());
   for (const auto& [key, value, warning] : std::vector<std::array<std::string, 3>>{
            {"thread_num", "0", "creates no matcher"},
-           {"stereo_img_scaling", "0.001", "makes the working size 0x0"},
-           {"input_stereo_height", "240", "does not have the aspect of cam0's resolution"},
-           {"calib_path", "nowhere.yaml", "nowhere.yaml"},
+           {"stereo_img_scaling", "0.001", "the library says: the views are 0x0 pixels when matched"},
+           {"input_stereo_height", "240", "input size 320x240 does not have the aspect of cam0's resolution 320x200 "
+                                          "(the library ends the process)"},
+           {"calib_path", "nowhere.yaml", "the library says: file not exits: " + sample() + "/nowhere.yaml"},
+           {"calib_path", "omni.yaml", "the library says: cam0: camera_model omni is not supported"},
+           {"calib_path", "millimetres.yaml", "the measurable depth range is empty"},
            {"cloest_dist", "", "required key 'cloest_dist' is missing"},
            {"thread_num", "many", "is not a number"},
-           {"stereo_img_scaling", "0.05", "not less than the working width"}}) {
+           {"stereo_img_scaling", "0.05", "the matcher needs at least 27x11 for its 16 disparities"}}) {
     writeText(sample() + "/bad.yaml", withKey(base, key, value));
     const ProgramResult r = tool({"info", sample() + "/bad.yaml"});
     EXPECT_NE(r.out.find(warning), std::string::npos) << key << ": " << r.out;
     expectOneLineError(r, "cannot produce depth");
     // run refuses the same file with one line instead of letting the library end it.
-    expectOneLineError(tool({"run", sample() + "/bad.yaml", sample(), "--out", sample() + "/bad"}), warning);
+    const std::string named = warning.substr(warning.rfind("says: ") == std::string::npos ? 0 : warning.rfind("says: ") + 6);
+    expectOneLineError(tool({"run", sample() + "/bad.yaml", sample(), "--out", sample() + "/bad"}),
+                       named.substr(0, named.find(" (")));
   }
-  // A doubtful setting is a warning only.
-  writeText(sample() + "/doubtful.yaml", withKey(base, "pointcloud_ROI", "1.5"));
-  const ProgramResult doubtful = tool({"info", sample() + "/doubtful.yaml"});
-  EXPECT_EQ(doubtful.status, 0);
-  EXPECT_NE(doubtful.out.find("pointcloud_ROI 1.5 is outside"), std::string::npos) << doubtful.out;
+  // Doubtful settings are warnings only.
+  std::string doubtful = withKey(withKey(base, "pointcloud_ROI", "1.5"), "enable_filter", "ture");
+  writeText(sample() + "/doubtful.yaml", withKey(doubtful, "async_mode", "") + "asynch_mode: 0\n");
+  const ProgramResult r = tool({"info", sample() + "/doubtful.yaml"});
+  EXPECT_EQ(r.status, 0);
+  for (const char* warning : {"pointcloud_ROI 1.5 is outside (0, 1]",
+                              "enable_filter: 'ture' reads as false (only true, yes, on and 1 read as true)",
+                              "unknown key 'asynch_mode' is ignored (did you mean 'async_mode'?)"}) {
+    EXPECT_NE(r.out.find(warning), std::string::npos) << r.out;
+  }
 }
 
 TEST(ToolAlignment, ColourFramesComeBackRegisteredWithDepth) {

@@ -1,28 +1,38 @@
-// Checks of a configuration (and the calibration it names) for settings that
-// look wrong. Some faults end the host process inside the library (a missing
-// required key, unequal horizontal and vertical calibration scales, an
-// unknown lens model) or mean that no depth can come out; those are
-// blocking, and the program refuses to create a handle with them.
+// Checks of a configuration, and of the calibration it names, for what
+// would end the host process inside the library (a missing required key,
+// unequal horizontal and vertical calibration scales, an unknown lens model),
+// what gives no depth, and what looks wrong but loads. The calibration is
+// imported here with the library's own code, without a handle, so that its
+// faults are known before one is made.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "CalibrationFile.h"
 #include "ConfigFile.h"
+#include "camera/StereoCalibration.h"
 
 namespace LumoTool {
 
 struct Finding {
-  bool blocking = false;  // the library would end the process, or produce no depth
+  bool blocking = false;     // no depth would come
+  bool endsProcess = false;  // the library would end the process: no handle may be made
   std::string text;
 };
 
-// `calib` is null when the calibration file could not be read (`calibError` says why).
-std::vector<Finding> checkConfiguration(const ConfigFile& config, const CalibrationFile* calib,
-                                        const std::string& calibError);
+// The calibration as the library imports it, for display.
+struct CalibrationPreview {
+  bool imported = false;
+  KorvLumetra::StereoCalibration calibration;
+  std::vector<std::string> models;  // distortion_model per camera, as written
+  double nearestDepth = 0.0;         // the nearest depth the matcher reaches, when rectified
+};
 
-// The first blocking finding, or an empty string.
+std::vector<Finding> checkConfiguration(const ConfigFile& config, CalibrationPreview* preview = nullptr);
+
+// The first finding that gives no depth, or an empty string.
 std::string firstBlocking(const std::vector<Finding>& findings);
+// Whether any finding would end the process.
+bool endsProcess(const std::vector<Finding>& findings);
 
 }  // namespace LumoTool

@@ -2,13 +2,11 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
-#include <cstdlib>
-#include <fstream>
-#include <limits>
-#include <system_error>
+#include <stdexcept>
 
 #include "ToolError.h"
+#include "engine/StereoCVEngine.h"
+#include "yaml/YamlReaders.h"
 
 namespace LumoTool {
 
@@ -47,118 +45,71 @@ const std::vector<ConfigKey>& configKeys() {
 
 namespace {
 
-std::string trim(const std::string& s) {
-  const std::size_t first = s.find_first_not_of(" \t\r");
-  if (first == std::string::npos) return "";
-  return s.substr(first, s.find_last_not_of(" \t\r") - first + 1);
-}
+using KorvTech::YamlNode;
 
-// Cuts a "#" comment that stands outside quotes.
-std::string stripComment(const std::string& line) {
-  bool single = false, dbl = false;
-  for (std::size_t i = 0; i < line.size(); ++i) {
-    const char c = line[i];
-    if (c == '\'' && !dbl) single = !single;
-    else if (c == '"' && !single) dbl = !dbl;
-    else if (c == '#' && !single && !dbl) return line.substr(0, i);
-  }
-  return line;
-}
-
-std::string unquote(const std::string& value) {
-  if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') && value.back() == value.front()) {
-    return value.substr(1, value.size() - 2);
-  }
-  return value;
-}
-
-// The library converts with the standard stoi/stof, which take the longest
-// numeric prefix and throw when there is none.
-bool parseInteger(const std::string& text, int& out) {
-  const char* begin = text.c_str();
-  char* end = nullptr;
-  errno = 0;
-  const long long value = std::strtoll(begin, &end, 10);
-  if (end == begin || errno == ERANGE || value < std::numeric_limits<int>::min() ||
-      value > std::numeric_limits<int>::max()) {
-    return false;
-  }
-  out = static_cast<int>(value);
-  return true;
-}
-
-bool parseReal(const std::string& text, float& out) {
-  const char* begin = text.c_str();
-  char* end = nullptr;
-  errno = 0;
-  const float value = std::strtof(begin, &end);
-  if (end == begin || errno == ERANGE) return false;
-  out = value;
-  return true;
-}
-
-bool parseBool(const std::string& text) {
-  std::string lower = text;
-  std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
-  return lower == "true" || lower == "yes" || lower == "on" || lower == "1";
+std::string shown(const YamlNode& node) {
+  if (node.type == YamlNode::Scalar) return node.scalar;
+  if (node.type != YamlNode::Sequence) return "";
+  std::string text = "[";
+  for (const YamlNode& element : node.seq) text += (text.size() > 1 ? ", " : "") + shown(element);
+  return text + "]";
 }
 
 }  // namespace
 
 ConfigFile ConfigFile::load(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) throw cannotRead(path, std::system_category().message(errno ? errno : ENOENT));
+  const std::string reason = YamlNode::UnreadableReason(path);
+  if (!reason.empty()) throw cannotRead(path, reason);
   ConfigFile config;
   config.path_ = path;
-  std::string line;
-  while (std::getline(in, line)) {
-    // The configuration is flat: indented lines belong to nested values the library does not read.
-    if (line.empty() || line[0] == ' ' || line[0] == '\t' || line[0] == '%' || line[0] == '-') continue;
-    const std::string content = stripComment(line);
-    const std::size_t colon = content.find(':');
-    if (colon == std::string::npos) continue;
-    const std::string key = trim(content.substr(0, colon));
-    const std::string value = trim(content.substr(colon + 1));
-    if (value.empty()) {
-      config.values_.erase(key);  // a null value is an absent key
-    } else {
-      config.values_[key] = unquote(value);
-    }
-  }
-  if (in.bad()) throw cannotRead(path, "read error");
+  config.root_ = YamlNode::LoadFile(path);
   return config;
 }
 
-bool ConfigFile::has(const std::string& key) const { return values_.count(key) != 0; }
+bool ConfigFile::has(const std::string& key) const { return KorvLumetra::HasYamlKey(root_, key); }
 
 std::string ConfigFile::text(const std::string& key, const std::string& fallback) const {
-  const auto it = values_.find(key);
-  return it == values_.end() ? fallback : it->second;
+  return has(key) ? shown(root_[key]) : fallback;
 }
 
 bool ConfigFile::convertible(const std::string& key, KeyType type) const {
-  if (!has(key)) return true;
-  int i = 0;
-  float f = 0.0f;
-  switch (type) {
-    case KeyType::Integer: return parseInteger(text(key), i);
-    case KeyType::Real: return parseReal(text(key), f);
-    default: return true;
+  const YamlNode value = root_[key];
+  if (!has(key) || value.type != YamlNode::Scalar) return true;
+  try {
+    if (type == KeyType::Integer) (void)std::stoi(value.scalar);
+    if (type == KeyType::Real) (void)std::stof(value.scalar);
+  } catch (const std::logic_error&) {  // the library's readers throw the same
+    return false;
   }
+  return true;
 }
 
 int ConfigFile::integer(const std::string& key, int fallback) const {
-  int value = fallback;
-  return has(key) && parseInteger(text(key), value) ? value : fallback;
+  if (!has(key)) return fallback;
+  if (!convertible(key, KeyType::Integer)) return fallback;
+  const YamlNode value = root_[key];
+  return value.type == YamlNode::Scalar ? std::stoi(value.scalar) : 0;
 }
 
 float ConfigFile::real(const std::string& key, float fallback) const {
-  float value = fallback;
-  return has(key) && parseReal(text(key), value) ? value : fallback;
+  if (!has(key)) return fallback;
+  if (!convertible(key, KeyType::Real)) return fallback;
+  const YamlNode value = root_[key];
+  return value.type == YamlNode::Scalar ? std::stof(value.scalar) : 0.0f;
 }
 
 bool ConfigFile::flag(const std::string& key, bool fallback) const {
-  return has(key) ? parseBool(text(key)) : fallback;
+  if (!has(key)) return fallback;
+  const YamlNode value = root_[key];
+  std::string lower = value.type == YamlNode::Scalar ? value.scalar : "";
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+  return lower == "true" || lower == "yes" || lower == "on" || lower == "1";
+}
+
+std::vector<std::string> ConfigFile::keys() const {
+  std::vector<std::string> names;
+  for (const auto& entry : root_.map) names.push_back(entry.first);
+  return names;
 }
 
 std::string ConfigFile::resolve(const std::string& path) const {
@@ -172,9 +123,13 @@ Settings Settings::from(const ConfigFile& config) {
   s.width = config.integer("input_stereo_width", 0);
   s.height = config.integer("input_stereo_height", 0);
   s.scale = config.real("stereo_img_scaling", 1.0f);
-  // Single precision, truncated, as the library sizes its working images.
-  s.workingWidth = static_cast<int>(static_cast<float>(s.width) * s.scale);
-  s.workingHeight = static_cast<int>(static_cast<float>(s.height) * s.scale);
+  // Single precision, truncated, as the library sizes its working images (0 for a factor it refuses).
+  const auto side = [&](int length) {
+    const float product = static_cast<float>(length) * s.scale;
+    return product > 0.0f && product < 2147483648.0f ? static_cast<int>(product) : 0;
+  };
+  s.workingWidth = side(s.width);
+  s.workingHeight = side(s.height);
   s.auxWidth = config.integer("input_aux_cam_width", 1920);
   s.auxHeight = config.integer("input_aux_cam_height", 1080);
   s.auxScale = config.real("aux_cam_scaling", 1.0f);
@@ -190,13 +145,7 @@ Settings Settings::from(const ConfigFile& config) {
   return s;
 }
 
-int searchRangeForWidth(int workingWidth) {
-  // The matcher's own steps, in float: width / 10, no rounding to 16.
-  float product = static_cast<float>(workingWidth) / 10.0f;
-  product = product * 0.0625f * 16.0f;
-  const int n = static_cast<int>(product);
-  return n > 128 ? 128 : (n < 16 ? 16 : n);
-}
+int searchRangeForWidth(int workingWidth) { return KorvLumetra::StereoCVEngine::numberOfDisparities(workingWidth, 1.0f); }
 
 int Settings::searchRange() const { return searchRangeForWidth(workingWidth); }
 

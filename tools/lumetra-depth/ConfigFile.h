@@ -1,12 +1,13 @@
-// A depth configuration file as the library reads it: one flat YAML mapping
-// of 27 keys. The library's own reader is internal, so this is a small
-// line reader of the same subset (comments, quotes, "key: value"), used to
-// show, check and act on the settings before a handle is created.
+// A depth configuration file as the library reads it: one YAML mapping of 27
+// keys, read with the library's own YAML reader (linked into the program,
+// hidden in the shared library), to show, check and act on the settings
+// before a handle is created.
 #pragma once
 
-#include <map>
 #include <string>
 #include <vector>
+
+#include "yaml/YamlNode.h"
 
 namespace LumoTool {
 
@@ -25,26 +26,31 @@ const std::vector<ConfigKey>& configKeys();
 
 class ConfigFile {
  public:
-  // Throws ToolError "cannot read" when the file is missing or unreadable.
+  // Throws ToolError "cannot read" when the file is missing, no regular file
+  // or larger than the library takes.
   static ConfigFile load(const std::string& path);
 
   const std::string& path() const { return path_; }
-  // A key written with nothing after the colon counts as absent, as in the library.
+  // Present as the library's readers see it: a key with nothing after the colon is absent.
   bool has(const std::string& key) const;
+  // The value's text; a list shows as "[a, b]".
   std::string text(const std::string& key, const std::string& fallback = "") const;
-  // Conversions follow the library's: the longest numeric prefix ("12px" is
-  // 12); false from convertible() where the library would throw instead.
+  // Conversions are the library's ("12px" is 12); a list or a map reads as
+  // 0 or false, as in the library. convertible() is false where the library
+  // refuses the text as no number.
   bool convertible(const std::string& key, KeyType type) const;
   int integer(const std::string& key, int fallback) const;
   float real(const std::string& key, float fallback) const;
   bool flag(const std::string& key, bool fallback) const;
+  // The top-level keys of the file, for spotting misspelt ones.
+  std::vector<std::string> keys() const;
 
   // A path from the file taken against the file's own directory, as the library does.
   std::string resolve(const std::string& path) const;
 
  private:
   std::string path_;
-  std::map<std::string, std::string> values_;
+  KorvTech::YamlNode root_;
 };
 
 // The settings a host acts on, with the library's derived working sizes.
@@ -70,8 +76,7 @@ struct Settings {
   int searchRange() const;
 };
 
-// The matcher's search range for a working width (its own rule, repeated here
-// because evaluation needs it without a configuration).
+// The matcher's search range for a working width.
 int searchRangeForWidth(int workingWidth);
 
 }  // namespace LumoTool

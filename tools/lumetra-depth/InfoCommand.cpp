@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "CalibrationFile.h"
 #include "Commands.h"
 #include "ConfigCheck.h"
 #include "ConfigFile.h"
@@ -23,12 +22,13 @@ namespace {
 const char* const kHelp =
     "usage: lumetra-depth info CONFIG\n"
     "\n"
-    "Prints the settings of CONFIG (read here with a plain line reader), the\n"
-    "calibration it names, and, when nothing would stop the library, creates a\n"
-    "handle and prints the rectified projections P1 and P2 it reports and the\n"
-    "baseline -P2[3]/P2[0]. Then lists settings that look wrong: sizes that do not\n"
-    "match the calibration's aspect, scale factors that leave nothing to match,\n"
-    "missing files or keys, no matcher threads, a search range beyond the width.\n"
+    "Prints the settings of CONFIG and the calibration it names, both read with\n"
+    "the library's own reader and checks, and, when nothing would end the\n"
+    "process, creates a handle and prints the rectified projections P1 and P2 it\n"
+    "reports, the baseline -P2[3]/P2[0] and the depth range the matcher measures.\n"
+    "Then lists what the library refuses (with its reason) and what looks wrong:\n"
+    "missing or unknown keys, words that read as false, sizes that do not match\n"
+    "the calibration's aspect, no matcher threads, an empty or tiny depth range.\n"
     "Exits with status 1 when one of them would stop the library from producing depth.\n";
 
 void printMatrix(const char* name, const float* m) {
@@ -76,54 +76,43 @@ int infoCommand(const Args& args) {
   std::printf("Working size        %dx%d per view; the matcher searches %d disparities\n", s.workingWidth,
               s.workingHeight, s.searchRange());
 
-  std::unique_ptr<CalibrationFile> calib;
-  std::string calibError;
-  if (!s.calibPath.empty()) {
-    try {
-      calib = std::make_unique<CalibrationFile>(CalibrationFile::load(s.calibPath));
-    } catch (const ToolError& e) {
-      calibError = e.what();
-    }
-  }
-  if (calib) {
-    std::printf("Calibration %s: %zu camera%s\n", s.calibPath.c_str(), calib->cameras().size(),
-                calib->cameras().size() == 1 ? "" : "s");
-    for (const CalibCamera& cam : calib->cameras()) {
-      std::printf("  cam%d  %-12s %dx%d", cam.index, cam.model.c_str(), cam.width(), cam.height());
-      if (cam.intrinsics.size() == 4) {
-        std::printf("  fx %.2f fy %.2f cx %.2f cy %.2f", cam.intrinsics[0], cam.intrinsics[1], cam.intrinsics[2],
-                    cam.intrinsics[3]);
-      }
-      if (cam.transform.size() == 4 && cam.transform[0].size() == 4 && cam.transform[1].size() == 4 &&
-          cam.transform[2].size() == 4) {
-        const double tx = cam.transform[0][3], ty = cam.transform[1][3], tz = cam.transform[2][3];
-        std::printf("  |t| %.4f from cam%d", std::sqrt(tx * tx + ty * ty + tz * tz), cam.index - 1);
+  CalibrationPreview preview;
+  std::vector<Finding> findings = checkConfiguration(config, &preview);
+  if (preview.imported) {
+    const KorvLumetra::StereoCalibration& calib = preview.calibration;
+    std::printf("Calibration %s: %zu camera%s, as the library imports them (at the input size)\n",
+                s.calibPath.c_str(), calib.cameraCount(), calib.cameraCount() == 1 ? "" : "s");
+    for (std::size_t i = 0; i < calib.cameraCount(); ++i) {
+      const cv::Mat& K = calib.kInput()[i];
+      std::printf("  cam%zu  %-12s fx %.2f fy %.2f cx %.2f cy %.2f", i, preview.models[i].c_str(), K.at<double>(0, 0),
+                  K.at<double>(1, 1), K.at<double>(0, 2), K.at<double>(1, 2));
+      if (i >= 1 && i <= calib.transforms().size()) {
+        std::printf("  |t| %.4f from cam%zu", calib.transforms()[i - 1].topRightCorner<3, 1>().norm(), i - 1);
       }
       std::printf("\n");
     }
   }
 
-  std::vector<Finding> findings = checkConfiguration(config, calib.get(), calibError);
   // The library ends a host whose configuration lacks a required key (and
-  // the like), so a handle is created only when nothing blocking was found.
-  if (firstBlocking(findings).empty()) {
+  // the like), so a handle is created only when nothing would.
+  if (!endsProcess(findings)) {
     DepthHandle handle(configPath);
-    for (const std::string& e : handle.errors()) findings.push_back({true, "the library says: " + e});
+    for (const std::string& e : handle.errors()) findings.push_back({true, false, "the library says: " + e});
     LumoRectifyInfo info{};
-    if (KORV_LUMO_D_GetRectifyInfo(handle.get(), &info) == 0 && info.P1[0] != 0.0f) {
+    if (handle.errors().empty() && KORV_LUMO_D_GetRectifyInfo(handle.get(), &info) == 0 && info.P1[0] != 0.0f) {
       std::printf("Rectified projections from the library (%s):\n",
                   s.restoreDepthDim ? "for the input size, restore_depth_dim is on" : "for the working size");
       printMatrix("P1", info.P1);
       printMatrix("P2", info.P2);
       const double baseline = -static_cast<double>(info.P2[3]) / info.P2[0];
       std::printf("Baseline            %.6f (-P2[3]/P2[0], calibration units)\n", baseline);
-      // Depth is f·B/d with d below the search range; the library drops depth beyond 12 units.
+      // Depth is f·B/d below the search range; the library drops depth beyond 12 units.
       const double workingFocal = info.P1[0] * (s.restoreDepthDim ? s.scale : 1.0f);
       const double nearest = workingFocal * std::fabs(baseline) / s.searchRange();
       std::printf("Measurable depth    about %.2f to 12 units (f*B / %d disparities; farther depth is dropped)\n",
                   nearest, s.searchRange());
-    } else {
-      findings.push_back({true, "the library reports no rectification"});
+    } else if (handle.errors().empty()) {
+      findings.push_back({true, false, "the library reports no rectification"});
     }
   }
 

@@ -14,7 +14,6 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "CalibrationFile.h"
 #include "CloudFiles.h"
 #include "Commands.h"
 #include "ConfigCheck.h"
@@ -175,16 +174,7 @@ int runCommand(const Args& args) {
   // Everything that would end this process inside the library, or give no depth, is refused first.
   const ConfigFile config = ConfigFile::load(configPath);
   const Settings s = Settings::from(config);
-  std::string calibError;
-  std::unique_ptr<CalibrationFile> calib;
-  if (!s.calibPath.empty()) {
-    try {
-      calib = std::make_unique<CalibrationFile>(CalibrationFile::load(s.calibPath));
-    } catch (const ToolError& e) {
-      calibError = e.what();
-    }
-  }
-  const std::string blocking = firstBlocking(checkConfiguration(config, calib.get(), calibError));
+  const std::string blocking = firstBlocking(checkConfiguration(config));
   if (!blocking.empty()) throw ToolError("cannot use '" + configPath + "': " + blocking);
 
   FrameSource source(input);
