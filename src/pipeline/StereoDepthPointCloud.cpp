@@ -50,6 +50,7 @@ float* allocateFloats(std::size_t count) {
 }  // namespace
 
 int StereoDepth::feedPose(LumoPose* pose) {
+  if (refusedConfiguration("feedPose")) return 1;
   if (moduleEnabled_ == 0) {
     logError("feedPose", "depth module is not enabled");
     return 1;
