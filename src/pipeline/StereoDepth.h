@@ -51,6 +51,7 @@ constexpr std::size_t kAuxCamIndex = 2;  // left, right, auxiliary in the per-ca
 // Bounds of settings beyond which no configuration makes sense.
 constexpr float kMaxScaling = 16.0f;
 constexpr int kMaxThreads = 64;
+constexpr uint32_t kMaxFrameSide = 65535;  // colour frames are resized from any size up to this
 
 class StereoDepth {
  public:

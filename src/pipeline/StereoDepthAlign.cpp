@@ -27,9 +27,12 @@ int StereoDepth::feedRGBImage(LumoImage* image) {
     return 1;
   }
   // The aligned record hands out the frame's channel count: only the two kinds it can hold are taken.
-  if (image->width == 0 || image->height == 0 || (image->channels != 1 && image->channels != 3)) {
-    logErrorf("feedRGBImage", "colour frame of %ux%u pixels with %u channels: it must have pixels and 1 or 3 channels\n",
-              image->width, image->height, image->channels);
+  const bool sidesFit = image->width > 0 && image->height > 0 && image->width <= kMaxFrameSide &&
+                        image->height <= kMaxFrameSide;
+  if (!sidesFit || (image->channels != 1 && image->channels != 3)) {
+    logErrorf("feedRGBImage",
+              "colour frame of %ux%u pixels with %u channels: it must have 1 to %u pixels a side and 1 or 3 channels\n",
+              image->width, image->height, image->channels, kMaxFrameSide);
     return 1;
   }
   const ImageSize input = inputSizes_[kAuxCamIndex];

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cmath>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <opencv2/imgproc.hpp>
@@ -72,10 +73,23 @@ class Host {
     LumoImage record = LumoTest::wrapStacked(image, t);
     return KORV_LUMO_D_FeedRGBImage(handle_, &record);
   }
+  // Synchronous: returns 0 once the frame's aligned depth exists, 1 after
+  // about 2 s without it.
   int feedStereo(uint64_t t) {
     cv::Mat image = rendered().stereo;
     LumoImage record = LumoTest::wrapStacked(image, t);
     return KORV_LUMO_D_FeedStereoImage(handle_, &record);
+  }
+  // The same, but a build slower than those 2 s (a sanitizer on a loaded
+  // machine) is waited for up to two minutes.
+  int feedStereoAndWait(uint64_t t) {
+    if (feedStereo(t) == 0) return 0;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(2);
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (get() == 0 && depth.timestamp == t) return 0;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return 1;
   }
   int get() {
     depth.data = depthPixels_.data();
@@ -160,7 +174,7 @@ TEST(Alignment, DepthIntoAnotherCameraMatchesItsGroundTruth) {
                   .set("restore_depth_dim", half ? "0" : "1")
                   .set("stereo_img_scaling", variant == kHalfStereo ? "0.5" : "1"));
     ASSERT_EQ(camera == 2 ? host.feedColour(r.colour, 1000) : 0, 0);
-    ASSERT_EQ(host.feedStereo(1000), 0);  // synchronous: returns once the aligned depth exists
+    ASSERT_EQ(host.feedStereoAndWait(1000), 0);
     ASSERT_EQ(host.get(), 0);
     EXPECT_EQ(host.depth.timestamp, 1000u);
     EXPECT_EQ(host.aligned.timestamp, 1000u);
@@ -195,7 +209,7 @@ TEST(Alignment, ColourIntoDepthTakesThePixelUnderEachFootprintsFarCorner) {
     const cv::Mat& colour = channels == 1 ? r.colourGrey : r.colour;
     Host host(2, false);
     ASSERT_EQ(host.feedColour(colour, 5000), 0);
-    ASSERT_EQ(host.feedStereo(5000), 0);
+    ASSERT_EQ(host.feedStereoAndWait(5000), 0);
     ASSERT_EQ(host.get(), 0);
     EXPECT_EQ(host.aligned.timestamp, 5000u);
     ASSERT_EQ(host.alignedMat().size(), cv::Size(kWidth, kHeight));
@@ -229,7 +243,7 @@ TEST(Alignment, ColourFramesArePairedByTimestamp) {
   const uint64_t base = (5ull << 32) - 200000000;
   const uint64_t close = base - 300000000, newer = base + 800000000;
   for (uint64_t t : {base - 1600000000, base - 600000000, close, newer}) ASSERT_EQ(host.feedColour(r.colour, t), 0);
-  ASSERT_EQ(host.feedStereo(base), 0);
+  ASSERT_EQ(host.feedStereoAndWait(base), 0);
   ASSERT_EQ(host.get(), 0);
   EXPECT_EQ(host.depth.timestamp, base);
   EXPECT_EQ(host.aligned.timestamp, close);  // both older frames dropped on the way
@@ -244,7 +258,7 @@ TEST(Alignment, ColourFramesArePairedByTimestamp) {
   EXPECT_EQ(host.aligned.timestamp, close);
 
   // It was kept, and pairs with the next depth that comes close enough.
-  ASSERT_EQ(host.feedStereo(base + 600000000), 0);
+  ASSERT_EQ(host.feedStereoAndWait(base + 600000000), 0);
   ASSERT_EQ(host.get(), 0);
   EXPECT_EQ(host.depth.timestamp, base + 600000000);
   EXPECT_EQ(host.aligned.timestamp, newer);

@@ -186,17 +186,20 @@ TEST(BadInput, UnusableFramesAreRefusedAtTheFeed) {
                                                 .set("input_aux_cam_height", "360")));
   cv::Mat grey = stackedFrame(1), colour(360, 640, CV_8UC4, cv::Scalar::all(9));
   LumoImage stamped0 = LumoTest::wrapStacked(grey, 0), noWidth = LumoTest::wrapStacked(colour, 5),
-            fourChannels = noWidth;
+            fourChannels = noWidth, huge = noWidth;
   noWidth.width = 0;
+  huge.width = 70000, huge.channels = 3;  // never read: refused first
   const std::string printed = LumoTest::captureStdout([&] {
     EXPECT_EQ(KORV_LUMO_D_FeedStereoImage(handle, &stamped0), 1);
     EXPECT_EQ(KORV_LUMO_D_FeedRGBImage(handle, &noWidth), 1);
     EXPECT_EQ(KORV_LUMO_D_FeedRGBImage(handle, &fourChannels), 1);
+    EXPECT_EQ(KORV_LUMO_D_FeedRGBImage(handle, &huge), 1);
   });
   for (const std::string line :
        {"feedStereoImage(): frame time stamp 0 is reserved for 'no frame yet': give frames a non-zero time stamp",
-        "feedRGBImage(): colour frame of 0x360 pixels with 4 channels: it must have pixels and 1 or 3 channels",
-        "feedRGBImage(): colour frame of 640x360 pixels with 4 channels: it must have pixels and 1 or 3 channels"}) {
+        "feedRGBImage(): colour frame of 0x360 pixels with 4 channels: it must have 1 to 65535 pixels a side and 1 or 3 channels",
+        "feedRGBImage(): colour frame of 640x360 pixels with 4 channels: it must have 1 to 65535 pixels a side and 1 or 3 channels",
+        "feedRGBImage(): colour frame of 70000x360 pixels with 3 channels: it must have 1 to 65535 pixels a side and 1 or 3 channels"}) {
     EXPECT_NE(printed.find("[ ERROR] " + line + "\n"), std::string::npos) << printed;
   }
   EXPECT_EQ(KORV_LUMO_D_DestroyHandle(handle), 0);
