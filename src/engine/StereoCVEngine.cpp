@@ -8,10 +8,10 @@
 #include <stdexcept>
 #include <utility>
 
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/ximgproc/disparity_filter.hpp>
 
+#include "api/DebugDump.h"
 #include "api/ErrorLog.h"
 
 namespace KorvLumetra {
@@ -275,8 +275,9 @@ void StereoCVEngine::inferLoop() {
 
 void StereoCVEngine::matchFrame(const LumoImage* frame) {
   if (settings_.debug != 0) {
-    const cv::Mat combined(static_cast<int>(frame->height), static_cast<int>(frame->width), CV_8UC3, frame->data);
-    cv::imwrite(debugDir_ + "/debug_combined_img_" + formatTimestamp(frame->timestamp) + ".bmp", combined);
+    DebugDump(debugDir_).image("combined_img_", frame->timestamp,
+                               cv::Mat(static_cast<int>(frame->height), static_cast<int>(frame->width), CV_8UC3,
+                                       frame->data));
   }
 
   const int viewRows = static_cast<int>(frame->height / 2);
@@ -319,14 +320,10 @@ void StereoCVEngine::matchFrame(const LumoImage* frame) {
   latestTimestamp_.store(frame->timestamp);
 
   if (settings_.debug != 0) {
-    const std::string stamp = formatTimestamp(frame->timestamp);
-    cv::FileStorage disparityFile(debugDir_ + "/debug_sgbm_disparity_" + stamp + ".yml", cv::FileStorage::WRITE);
-    if (disparityFile.isOpened()) disparityFile << "disparity" << *chosen;
-    cv::FileStorage depthFile(debugDir_ + "/debug_sgbm_depth_" + stamp + ".yml", cv::FileStorage::WRITE);
-    if (depthFile.isOpened()) {
-      std::lock_guard<std::mutex> lock(resultMutex_);
-      depthFile << "depth" << cv::Mat(shape_[2], shape_[3], CV_32F, depthResult_->data);
-    }
+    const DebugDump dump(debugDir_);
+    dump.matrix("sgbm_disparity_", frame->timestamp, "disparity", *chosen);
+    std::lock_guard<std::mutex> lock(resultMutex_);
+    dump.matrix("sgbm_depth_", frame->timestamp, "depth", cv::Mat(shape_[2], shape_[3], CV_32F, depthResult_->data));
   }
 }
 

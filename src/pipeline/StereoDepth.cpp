@@ -16,6 +16,7 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "api/DebugDump.h"
 #include "api/ErrorLog.h"
 #include "pipeline/FrameRecords.h"
 #include "pipeline/PollSleep.h"
@@ -28,22 +29,6 @@ constexpr float kFloatEpsilon = 1.1920929e-7f;
 constexpr int kSyncPolls = 2000;
 constexpr int kSyncPollsDebug = 200000;  // debug dumps are slow
 
-// Debug dumps never fail a frame: a file that cannot be written is skipped.
-void writeDebugImage(const std::string& path, const cv::Mat& image) {
-  try {
-    cv::imwrite(path, image);
-  } catch (const cv::Exception&) {
-  }
-}
-
-void writeDebugMatrix(const std::string& path, const char* key, const cv::Mat& matrix) {
-  try {
-    cv::FileStorage file(path, cv::FileStorage::WRITE);
-    if (file.isOpened()) file << key << matrix;
-  } catch (const cv::Exception&) {
-  }
-}
-
 }  // namespace
 
 StereoDepth::StereoDepth() {
@@ -54,7 +39,7 @@ StereoDepth::StereoDepth() {
   incomingStereo_ = newImageRecord(kStereoBufferBytes);
   workingStereo_ = newImageRecord(kStereoBufferBytes);
   rectified_ = newImageRecord(kStereoBufferBytes);
-  colourConversion_ = newImageRecord(kStereoBufferBytes);
+  unrectifiedViews_ = newImageRecord(kStereoBufferBytes);
   depth_ = newDepthRecord(kDepthBufferBytes);
   disparity_ = newDepthRecord(kDepthBufferBytes);
   depthOutput_ = newDepthRecord(kOutputBufferBytes);
@@ -98,7 +83,7 @@ StereoDepth::~StereoDepth() {
   deleteRecord(incomingStereo_);
   deleteRecord(workingStereo_);
   deleteRecord(rectified_);
-  deleteRecord(colourConversion_);
+  deleteRecord(unrectifiedViews_);
   deleteRecord(depth_);
   deleteRecord(disparity_);
   deleteRecord(depthOutput_);
@@ -163,9 +148,10 @@ int StereoDepth::feedStereoImage(LumoImage* frame) {
   }
 
   if (debugImage_ != 0) {
-    const std::string stamp = formatTimestamp(frame->timestamp);
-    if (!original.empty()) writeDebugImage(debugImgSavePath_ + "/debug_origin_" + stamp + ".bmp", original);
-    std::cout << "origin image save to : " << debugImgSavePath_ + "/origin_" + stamp + ".bmp" << std::endl;
+    if (!original.empty()) DebugDump(debugImgSavePath_).image("origin_", frame->timestamp, original);
+    // The name printed is not the file's, deliberately.
+    std::cout << "origin image save to : " << debugImgSavePath_ + "/origin_" + formatTimestamp(frame->timestamp) + ".bmp"
+              << std::endl;
   }
 
   cv::Mat image = original;
@@ -199,14 +185,10 @@ int StereoDepth::feedStereoImage(LumoImage* frame) {
   {
     std::lock_guard<std::mutex> lock(frameMutex_);
     fill(incomingStereo_);
-    framePending_ = true;
     newFrame_.store(1);
   }
 
-  if (debugImage_ != 0 && !image.empty()) {
-    writeDebugImage(debugImgSavePath_ + "/debug_feedresizedImg_" + formatTimestamp(frame->timestamp) + ".bmp",
-                    image);
-  }
+  if (debugImage_ != 0 && !image.empty()) DebugDump(debugImgSavePath_).image("feedresizedImg_", frame->timestamp, image);
 
   {
     std::lock_guard<std::mutex> lock(stereoRingMutex_);
@@ -237,22 +219,14 @@ bool StereoDepth::depthOfFrameReady(uint64_t timestamp) {
 
 void StereoDepth::preprocessLoop() {
   pthread_setname_np(pthread_self(), "KorvDepthPre");
-  while (running_.load() != 0) {
-    {
-      std::unique_lock<std::mutex> lock(frameMutex_);
-      // A frame fed while this thread was busy is taken at once instead of
-      // waiting for the next one to arrive.
-      frameCondition_.wait(lock, [this] { return framePending_ || running_.load() == 0; });
-      if (running_.load() == 0) return;
-      framePending_ = false;
-      if (newFrame_.load() == 0) continue;
-      std::swap(incomingStereo_, workingStereo_);
-    }
+  while (LumoImage* frame = takeFrame()) {
     // An exception must not end the host: the frame is dropped, the thread goes on.
     try {
-      preprocessFrame(workingStereo_);
+      if (!toThreeChannels(*frame)) continue;
+      rectifyViews(*frame);
+      handToEngine();
     } catch (const std::exception& e) {
-      logErrorf("preprocessLoop", "frame %llu dropped: %s\n", static_cast<unsigned long long>(workingStereo_->timestamp),
+      logErrorf("preprocessLoop", "frame %llu dropped: %s\n", static_cast<unsigned long long>(frame->timestamp),
                 oneLine(e.what()).c_str());
     } catch (...) {
       logError("preprocessLoop", "frame dropped: unknown exception");
@@ -260,43 +234,69 @@ void StereoDepth::preprocessLoop() {
   }
 }
 
-void StereoDepth::preprocessFrame(LumoImage* frame) {
-  {
-    const int rows = static_cast<int>(frame->height / 2);
-    const int cols = static_cast<int>(frame->width);
-    const std::size_t halfBytes = static_cast<std::size_t>(cols) * rows * 3;
-    cv::Mat colourTop(rows, cols, CV_8UC3, colourConversion_->data);
-    cv::Mat colourBottom(rows, cols, CV_8UC3, colourConversion_->data + halfBytes);
-    if (frame->channels == 1) {
-      const std::size_t greyHalf = static_cast<std::size_t>(cols) * rows;
-      cv::cvtColor(cv::Mat(rows, cols, CV_8UC1, frame->data), colourTop, cv::COLOR_GRAY2BGR);
-      cv::cvtColor(cv::Mat(rows, cols, CV_8UC1, frame->data + greyHalf), colourBottom, cv::COLOR_GRAY2BGR);
-    } else if (frame->channels == 3) {
-      cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, frame->data), colourTop, cv::COLOR_BGR2RGB);
-      cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, frame->data + halfBytes), colourBottom, cv::COLOR_BGR2RGB);
-    } else {
-      logErrorf("preprocessLoop", "stereo depth: unrecognized image channel %d\n", static_cast<int>(frame->channels));
-      return;
-    }
+// With the frame mutex: waits for a fed frame and swaps it into the working
+// record; null once the pipeline stops. A frame fed while this thread was busy
+// is taken at once; frames fed faster than they are taken are dropped but the last.
+LumoImage* StereoDepth::takeFrame() {
+  std::unique_lock<std::mutex> lock(frameMutex_);
+  frameCondition_.wait(lock, [this] { return newFrame_.load() != 0 || running_.load() == 0; });
+  if (running_.load() == 0) return nullptr;
+  newFrame_.store(0);
+  std::swap(incomingStereo_, workingStereo_);
+  return workingStereo_;
+}
 
-    std::lock_guard<std::mutex> lock(rectifyMutex_);
-    cv::Mat rectTop(rows, cols, CV_8UC3, rectified_->data);
-    cv::Mat rectBottom(rows, cols, CV_8UC3, rectified_->data + halfBytes);
-    rectified_->tag0 = frame->tag0;
-    rectified_->tag1 = frame->tag1;
-    rectified_->timestamp = frame->timestamp;
-    rectified_->width = frame->width;
-    rectified_->height = frame->height;
-    rectified_->format = frame->format;
-    rectified_->stride = frame->stride;
-    rectified_->channels = 3;
-    rectified_->size = frame->width * frame->height * 3;
-    const std::vector<cv::Mat>& map1 = calibration_.map1();
-    const std::vector<cv::Mat>& map2 = calibration_.map2();
-    cv::remap(colourTop, rectTop, map1[0], map2[0], cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
-    cv::remap(colourBottom, rectBottom, map1[1], map2[1], cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
+// Both views of the working frame as three-channel images, in the unrectified
+// views record (this thread's own); false for a channel count it cannot take.
+bool StereoDepth::toThreeChannels(const LumoImage& frame) {
+  const int rows = static_cast<int>(frame.height / 2);
+  const int cols = static_cast<int>(frame.width);
+  const std::size_t halfBytes = static_cast<std::size_t>(cols) * rows * 3;
+  cv::Mat top(rows, cols, CV_8UC3, unrectifiedViews_->data);
+  cv::Mat bottom(rows, cols, CV_8UC3, unrectifiedViews_->data + halfBytes);
+  if (frame.channels == 1) {
+    const std::size_t greyHalf = static_cast<std::size_t>(cols) * rows;
+    cv::cvtColor(cv::Mat(rows, cols, CV_8UC1, frame.data), top, cv::COLOR_GRAY2BGR);
+    cv::cvtColor(cv::Mat(rows, cols, CV_8UC1, frame.data + greyHalf), bottom, cv::COLOR_GRAY2BGR);
+    return true;
   }
+  if (frame.channels == 3) {
+    cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, frame.data), top, cv::COLOR_BGR2RGB);
+    cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, frame.data + halfBytes), bottom, cv::COLOR_BGR2RGB);
+    return true;
+  }
+  logErrorf("preprocessLoop", "stereo depth: unrecognized image channel %d\n", static_cast<int>(frame.channels));
+  return false;
+}
 
+// With the rectify mutex: both views remapped into the rectified record.
+void StereoDepth::rectifyViews(const LumoImage& frame) {
+  const int rows = static_cast<int>(frame.height / 2);
+  const int cols = static_cast<int>(frame.width);
+  const std::size_t halfBytes = static_cast<std::size_t>(cols) * rows * 3;
+  std::lock_guard<std::mutex> lock(rectifyMutex_);
+  rectified_->tag0 = frame.tag0;
+  rectified_->tag1 = frame.tag1;
+  rectified_->timestamp = frame.timestamp;
+  rectified_->width = frame.width;
+  rectified_->height = frame.height;
+  rectified_->format = frame.format;
+  rectified_->stride = frame.stride;
+  rectified_->channels = 3;
+  rectified_->size = frame.width * frame.height * 3;
+  const std::vector<cv::Mat>& map1 = calibration_.map1();
+  const std::vector<cv::Mat>& map2 = calibration_.map2();
+  for (int view = 0; view < 2; ++view) {
+    const std::size_t offset = view * halfBytes;
+    cv::remap(cv::Mat(rows, cols, CV_8UC3, unrectifiedViews_->data + offset),
+              cv::Mat(rows, cols, CV_8UC3, rectified_->data + offset), map1[view], map2[view], cv::INTER_LINEAR,
+              cv::BORDER_CONSTANT, cv::Scalar());
+  }
+}
+
+// With the engine mutex: the rectified pair to the first idle engine, or else
+// to the busy one with the oldest latest time stamp.
+void StereoDepth::handToEngine() {
   std::lock_guard<std::mutex> lock(engineMutex_);
   if (engines_.empty()) return;
   std::size_t chosen = 0;
@@ -329,7 +329,7 @@ void StereoDepth::updateResult() {
     sleepNanos(500000);
     // An exception must not end the host: the result is dropped, the thread goes on.
     try {
-      collectResult();
+      resultCycle();
     } catch (const std::exception& e) {
       logErrorf("updateResult", "result dropped: %s\n", oneLine(e.what()).c_str());
     } catch (...) {
@@ -338,34 +338,52 @@ void StereoDepth::updateResult() {
   }
 }
 
-void StereoDepth::collectResult() {
-  if (depth_ == nullptr || depth_->data == nullptr || disparity_ == nullptr ||
-      disparity_->data == nullptr || colourInput_ == nullptr || colourInput_->data == nullptr ||
-      stereoRing_ == nullptr) {
-    return;
-  }
-
+// One result, stage by stage. The result mutex is held twice: around the
+// retrieval and filtering, and around the registration, the resizing and the
+// dumps; the point cloud takes it itself in between.
+void StereoDepth::resultCycle() {
   std::unique_lock<std::mutex> engineLock(engineMutex_);
-  if (engines_.empty()) return;
-  std::map<std::size_t, uint64_t> ready;
-  for (std::size_t i = 0; i < engines_.size(); ++i) {
-    if (engines_[i]->isResultReady()) ready[i] = engines_[i]->getLatestTimestamp();
+  StereoEngineBase* engine = pickReadyEngine();
+  if (engine == nullptr) return;
+  {
+    std::lock_guard<std::mutex> resultLock(resultMutex_);
+    const bool collected = collectResult(*engine);
+    engineLock.unlock();
+    if (!collected) return;
+    filterDepth();
+    publishResult();
   }
-  if (ready.empty()) return;
-  // Oldest result first; the lowest index wins a tie.
-  auto oldest = ready.begin();
-  for (auto it = ready.begin(); it != ready.end(); ++it) {
-    if (it->second < oldest->second) oldest = it;
-  }
+  generatePointCloud();
+  std::unique_lock<std::mutex> resultLock(resultMutex_, std::defer_lock);
+  const LumoDepthImage* output = alignWithColour(resultLock);
+  if (output == nullptr) return;
+  restoreResultsSize(*output);
+  dumpResult();
+  resultLock.unlock();
+  resultCondition_.notify_all();
+}
 
-  std::unique_lock<std::mutex> resultLock(resultMutex_);
+// With the engine mutex: the ready engine with the oldest result, the lowest
+// index winning a tie; null when none is ready.
+StereoEngineBase* StereoDepth::pickReadyEngine() {
+  StereoEngineBase* oldest = nullptr;
+  uint64_t oldestTimestamp = 0;
+  for (const auto& engine : engines_) {
+    if (!engine->isResultReady()) continue;
+    const uint64_t latest = engine->getLatestTimestamp();
+    if (oldest == nullptr || latest < oldestTimestamp) oldest = engine.get(), oldestTimestamp = latest;
+  }
+  return oldest;
+}
+
+// With both mutexes: the engine's depth and disparity into the records, the
+// depth record's header from the result's shape and the fed frame's tags.
+bool StereoDepth::collectResult(StereoEngineBase& engine) {
   std::array<int, 4> dims{};
   unsigned long long timestamp = 0;
-  const int status = engines_[oldest->first]->getResult(depth_->data, disparity_->data, dims, timestamp);
-  engineLock.unlock();
-  if (status == 1) {
+  if (engine.getResult(depth_->data, disparity_->data, dims, timestamp) == 1) {
     logError("updateResult", "get depth image failed");
-    return;
+    return false;
   }
   depth_->timestamp = timestamp;
   carryFrameTags(depth_);
@@ -373,10 +391,19 @@ void StereoDepth::collectResult() {
   depth_->height = static_cast<uint32_t>(dims[2]);
   depth_->width = static_cast<uint32_t>(dims[3]);
   depth_->size = static_cast<uint32_t>(dims[1] * dims[2] * dims[3] * 4);
-  if (enableFilter_) {
-    spatialFilter_->processFrame(depth_);
-    temporalFilter_->processFrame(depth_);
-  }
+  return true;
+}
+
+// With the result mutex: the spatial, then the temporal filter, in place.
+void StereoDepth::filterDepth() {
+  if (!enableFilter_) return;
+  spatialFilter_->processFrame(depth_);
+  temporalFilter_->processFrame(depth_);
+}
+
+// With the result mutex: the disparity record's header follows the depth's,
+// and the result counts.
+void StereoDepth::publishResult() {
   disparity_->channels = depth_->channels;
   disparity_->height = depth_->height;
   disparity_->width = depth_->width;
@@ -386,47 +413,52 @@ void StereoDepth::collectResult() {
   disparity_->tag1 = depth_->tag1;
   disparity_->format = depth_->format;
   ++depthResultCount_;
-  resultLock.unlock();
+}
 
-  generatePointCloud();
-
-  if (alignEnabled_.load()) {
-    if (!alignInitialized_.load()) {
-      initAlignParam();
-      if (!alignInitialized_.load()) return;
-    }
-    // Tolerances in the unit of the host's time stamps.
-    if (syncAlignImages(500000000, 1000000) == 0) return;
+// Pairs the depth with its colour frame (under the ring's lock) and registers
+// the two (under the result mutex, which it leaves locked). Returns the depth
+// to hand out: the matched depth, or the depth registered into the other
+// camera; null when there is nothing to hand out for this result.
+const LumoDepthImage* StereoDepth::alignWithColour(std::unique_lock<std::mutex>& resultLock) {
+  if (!alignEnabled_.load()) {
     resultLock.lock();
-    if (alignDirection_) {
-      if (alignImage_->alignDepthToOther(*depthToColour_, *depth_, *colourInput_) == 0) {
-        // The registration writes pixels, size and time stamp; the host's tags
-        // and the channel count still belong to the stereo frame.
-        depthToColour_->tag0 = depth_->tag0;
-        depthToColour_->tag1 = depth_->tag1;
-        depthToColour_->format = depth_->format;
-        depthToColour_->channels = depth_->channels;
-        copyRecord(depth_, depthToColour_);
-        copyRecord(alignedColour_, colourInput_);
-      }
-    } else if (alignImage_->alignOtherToDepth(*colourToDepth_, *depth_, *colourInput_) == 0) {
+    return depth_;
+  }
+  if (!alignInitialized_.load()) {
+    initAlignParam();
+    if (!alignInitialized_.load()) return nullptr;
+  }
+  // Tolerances in the unit of the host's time stamps.
+  if (syncAlignImages(500000000, 1000000) == 0) return nullptr;
+  resultLock.lock();
+  if (!alignDirection_) {
+    if (alignImage_->alignOtherToDepth(*colourToDepth_, *depth_, *colourInput_) == 0) {
       copyRecord(alignedColour_, colourToDepth_);
     }
-  } else {
-    resultLock.lock();
+    return depth_;
   }
-  restoreResultsSize();
-  if (debugImage_ != 0) {
-    const std::string stamp = formatTimestamp(depth_->timestamp);
-    writeDebugMatrix(debugImgSavePath_ + "/debug_disparity_" + stamp + ".yml", "disparity",
-                     cv::Mat(static_cast<int>(disparity_->height), static_cast<int>(disparity_->width), CV_32F,
-                             disparity_->data));
-    writeDebugMatrix(debugImgSavePath_ + "/debug_depth_" + stamp + ".yml", "depth",
-                     cv::Mat(static_cast<int>(depthOutput_->height), static_cast<int>(depthOutput_->width), CV_32F,
-                             depthOutput_->data));
-  }
-  resultLock.unlock();
-  resultCondition_.notify_all();
+  if (alignImage_->alignDepthToOther(*depthToColour_, *depth_, *colourInput_) != 0) return depth_;
+  // The registration writes pixels, size and time stamp; the host's tags and
+  // the channel count still belong to the stereo frame.
+  depthToColour_->tag0 = depth_->tag0;
+  depthToColour_->tag1 = depth_->tag1;
+  depthToColour_->format = depth_->format;
+  depthToColour_->channels = depth_->channels;
+  copyRecord(alignedColour_, colourInput_);
+  return depthToColour_;
+}
+
+// With the result mutex: the disparity and the handed-out depth as matrix files.
+void StereoDepth::dumpResult() {
+  if (debugImage_ == 0) return;
+  const DebugDump dump(debugImgSavePath_);
+  const uint64_t stamp = depth_->timestamp;
+  dump.matrix("disparity_", stamp, "disparity",
+              cv::Mat(static_cast<int>(disparity_->height), static_cast<int>(disparity_->width), CV_32F,
+                      disparity_->data));
+  dump.matrix("depth_", stamp, "depth",
+              cv::Mat(static_cast<int>(depthOutput_->height), static_cast<int>(depthOutput_->width), CV_32F,
+                      depthOutput_->data));
 }
 
 void StereoDepth::carryFrameTags(LumoDepthImage* result) {
@@ -441,8 +473,10 @@ void StereoDepth::carryFrameTags(LumoDepthImage* result) {
   result->format = frame->format;
 }
 
-void StereoDepth::restoreResultsSize() {
-  copyRecord(depthOutput_, depth_);
+// With the result mutex: `depth` into the output record, at the size the host
+// expects (the aligned camera's, or the stereo camera's input or working size).
+void StereoDepth::restoreResultsSize(const LumoDepthImage& depth) {
+  copyRecord(depthOutput_, &depth);
   const std::vector<ImageSize>& sizes = restoreDepthDim_ != 0 ? inputSizes_ : scaledSizes_;
   const bool toColour = alignEnabled_.load() && alignDirection_;
   const std::size_t target = static_cast<std::size_t>(toColour ? alignedCamIndex_ : stereoCamIndex_);

@@ -105,11 +105,22 @@ class StereoDepth {
  private:
   friend struct StereoDepthTestAccess;  // tests inspect calibration and buffers
 
+  // The preprocessing thread's stages.
   void preprocessLoop();
+  LumoImage* takeFrame();
+  bool toThreeChannels(const LumoImage& frame);
+  void rectifyViews(const LumoImage& frame);
+  void handToEngine();
+  // The result thread's stages.
   void updateResult();
-  void preprocessFrame(LumoImage* frame);
-  void collectResult();
-  void restoreResultsSize();
+  void resultCycle();
+  StereoEngineBase* pickReadyEngine();
+  bool collectResult(StereoEngineBase& engine);
+  void filterDepth();
+  void publishResult();
+  const LumoDepthImage* alignWithColour(std::unique_lock<std::mutex>& resultLock);
+  void restoreResultsSize(const LumoDepthImage& depth);
+  void dumpResult();
   void carryFrameTags(LumoDepthImage* result);
   bool depthOfFrameReady(uint64_t timestamp);  // with resultMutex_ held
   void recreateEngines();
@@ -163,9 +174,8 @@ class StereoDepth {
   // Frame hand-off.
   std::mutex frameMutex_;
   std::condition_variable frameCondition_;
-  std::atomic<uint8_t> newFrame_{0};
+  std::atomic<uint8_t> newFrame_{0};  // a fed frame not yet taken; written under frameMutex_
   std::atomic<uint8_t> running_{1};
-  bool framePending_ = false;  // a fed frame not yet taken; guarded by frameMutex_
   LumoImage* incomingStereo_ = nullptr;
   LumoImage* workingStereo_ = nullptr;
 
@@ -176,7 +186,7 @@ class StereoDepth {
   StereoCalibration calibration_;
   std::mutex rectifyMutex_;
   LumoImage* rectified_ = nullptr;
-  LumoImage* colourConversion_ = nullptr;
+  LumoImage* unrectifiedViews_ = nullptr;  // both views in three channels, before rectification
 
   // Engines.
   std::mutex engineMutex_;

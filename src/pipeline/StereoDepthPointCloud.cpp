@@ -9,6 +9,7 @@
 #include <new>
 #include <string>
 
+#include "api/DebugDump.h"
 #include "api/ErrorLog.h"
 #include "pipeline/StereoDepth.h"
 #include "pipeline/TwoMillionVoxelHash.h"
@@ -296,18 +297,7 @@ void StereoDepth::generatePointCloud() {
   }
 
   if (debugImage_ != 0) {
-    const std::string path = debugImgSavePath_ + "/debug_pointcloud_" + formatTimestamp(cloudTimestamp_) + ".pcd";
-    FILE* file = std::fopen(path.c_str(), "w");
-    if (file == nullptr) return;
-    const unsigned int points = static_cast<unsigned int>(pointCount_);
-    std::fprintf(file, "# .PCD v0.7 - Point Cloud Data file format\n");
-    std::fprintf(file, "VERSION 0.7\nFIELDS x y z\nSIZE 4 4 4\nTYPE F F F\nCOUNT 1 1 1\n");
-    std::fprintf(file, "WIDTH %u\nHEIGHT 1\nVIEWPOINT 0 0 0 1 0 0 0\nPOINTS %u\nDATA ascii\n", points, points);
-    for (int i = 0; i < pointCount_; ++i) {
-      const float* p = pointBuffer_ + 3 * static_cast<std::size_t>(i);
-      std::fprintf(file, "%f %f %f\n", p[0], p[1], p[2]);
-    }
-    std::fclose(file);
+    DebugDump(debugImgSavePath_).pointCloud(cloudTimestamp_, pointBuffer_, static_cast<unsigned int>(pointCount_));
   }
 }
 
