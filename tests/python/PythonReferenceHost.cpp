@@ -12,10 +12,12 @@
 //       frame I TIMESTAMP TAG0 TAG1
 //       KIND I STATUS TIMESTAMP TAG0 TAG1 WIDTH HEIGHT CHANNELS SIZE
 //       cloud I STATUS TIMESTAMP POINTS
-//   lumo_python_host bench DIR --width W --height H --frames N
+//   lumo_python_host bench DIR --width W --height H
 //     Renders one grey frame into DIR/frame_0.raw (with calib.yaml) unless
-//     there, then, when DIR/config.yaml exists, feeds it N times and prints
-//     the milliseconds of each feed + depth, one per line.
+//     there; then, when DIR/config.yaml exists, reads commands from standard
+//     input: "frames N" feeds the frame N times and prints "frame_ms MS" for
+//     each feed + depth, "reads N" prints "get_ms MS" for each read of the
+//     latest depth; each command ends with "ok".
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -179,20 +181,30 @@ int bench(const Options& o) {
   if (!std::ifstream(o.dir + "/config.yaml")) return 0;
   void* handle = createHandle(o.dir);
   std::vector<float> depthData(static_cast<std::size_t>(o.width) * o.height), disparityData(depthData.size());
-  for (int i = 0; i < o.frames; ++i) {
-    LumoImage frame = imageOf(grey, 1 + static_cast<uint64_t>(i));
-    LumoDepthImage depth{}, disparity{};
-    depth.data = depthData.data();
-    disparity.data = disparityData.data();
-    const auto start = std::chrono::steady_clock::now();
-    const int status = KORV_LUMO_D_FeedStereoImage(handle, &frame) |
-                       KORV_LUMO_D_GetDepthImage(handle, &depth, &disparity, nullptr);
-    const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-    if (status != 0) {
-      std::fprintf(stderr, "frame %d failed\n", i);
-      return 1;
+  uint64_t timestamp = 0;
+  char command[32];
+  int count = 0;
+  // Driven from standard input, so that the timings alternate with the
+  // caller's in small chunks and both see the same load.
+  while (std::scanf("%31s %d", command, &count) == 2) {
+    const bool feed = std::strcmp(command, "frames") == 0;
+    for (int i = 0; i < count; ++i) {
+      LumoImage frame = imageOf(grey, ++timestamp);
+      LumoDepthImage depth{}, disparity{};
+      depth.data = depthData.data();
+      disparity.data = disparityData.data();
+      const auto start = std::chrono::steady_clock::now();
+      int status = feed ? KORV_LUMO_D_FeedStereoImage(handle, &frame) : 0;
+      status |= KORV_LUMO_D_GetDepthImage(handle, &depth, &disparity, nullptr);
+      const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+      if (status != 0) {
+        std::fprintf(stderr, "frame %llu failed\n", static_cast<unsigned long long>(timestamp));
+        return 1;
+      }
+      std::printf("%s %.4f\n", feed ? "frame_ms" : "get_ms", ms);
     }
-    std::printf("%.4f\n", ms);
+    std::printf("ok\n");
+    std::fflush(stdout);
   }
   KORV_LUMO_D_DestroyHandle(handle);
   return 0;
