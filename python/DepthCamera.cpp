@@ -34,11 +34,12 @@ py::array shaped(const py::array& buffer, std::size_t used, const std::vector<py
 }
 
 // The library copies `size` bytes into a buffer of `capacity` bytes; the
-// header it writes must describe exactly those bytes.
+// header it writes must describe exactly those bytes, in a channel count the
+// binding can shape (1, or 3 where `colour`).
 void checkHeader(const char* what, uint32_t width, uint32_t height, uint32_t channels, uint32_t size,
-                 std::size_t elementBytes, std::size_t capacity) {
+                 std::size_t elementBytes, std::size_t capacity, bool colour) {
   const uint64_t expected = static_cast<uint64_t>(width) * height * channels * elementBytes;
-  if (size != expected || size > capacity) {
+  if (size != expected || size > capacity || !(channels == 1 || (colour && channels == 3))) {
     char text[256];
     std::snprintf(text, sizeof(text), "%s: the library wrote a %ux%u image of %u channel(s) in %u bytes, "
                   "the binding expected at most %zu bytes", what, width, height, channels, size, capacity);
@@ -241,16 +242,17 @@ DepthResult DepthCamera::depth() {
     status = KORV_LUMO_D_GetDepthImage(call.handle(), &depth, &disparity, aligned ? &colour : nullptr);
   }
   if (status != 0) throw NotReady("no depth yet");
-  checkHeader("depth", depth.width, depth.height, 1, depth.size, sizeof(float), sizeof(float) * depthBuffer.size());
-  checkHeader("disparity", disparity.width, disparity.height, 1, disparity.size, sizeof(float),
-              sizeof(float) * disparityBuffer.size());
+  checkHeader("depth", depth.width, depth.height, depth.channels, depth.size, sizeof(float),
+              sizeof(float) * depthBuffer.size(), false);
+  checkHeader("disparity", disparity.width, disparity.height, disparity.channels, disparity.size, sizeof(float),
+              sizeof(float) * disparityBuffer.size(), false);
   DepthResult result;
   result.depth = shaped(depthBuffer, depth.size / sizeof(float), {depth.height, depth.width});
   result.disparity = shaped(disparityBuffer, disparity.size / sizeof(float), {disparity.height, disparity.width});
   result.aligned = py::none();
   // Nothing registered yet leaves the aligned record empty.
   if (aligned && colour.size > 0) {
-    checkHeader("aligned", colour.width, colour.height, colour.channels, colour.size, 1, alignedBuffer.size());
+    checkHeader("aligned", colour.width, colour.height, colour.channels, colour.size, 1, alignedBuffer.size(), true);
     std::vector<py::ssize_t> shape = {colour.height, colour.width};
     if (colour.channels == 3) shape.push_back(3);
     result.aligned = shaped(alignedBuffer, colour.size, shape);
@@ -272,7 +274,8 @@ py::array DepthCamera::rectified() {
     status = KORV_LUMO_D_GetRectifiedImage(call.handle(), &image);
   }
   if (status != 0) throw NotReady("no rectified image yet");
-  checkHeader("rectified", image.width, image.height, 3, image.size, 1, buffer.size());
+  checkHeader("rectified", image.width, image.height, image.channels, image.size, 1, buffer.size(), true);
+  if (image.channels != 3) throw Error("rectified: the library wrote " + std::to_string(image.channels) + " channel(s)");
   return shaped(buffer, image.size, {image.height, image.width, 3});
 }
 

@@ -80,7 +80,7 @@ PYBIND11_MODULE(lumetra_depth, m) {
 
   py::class_<DepthCamera>(m, "Depth", kDepthDoc)
       .def(py::init([](const py::object& path) {
-             return new DepthCamera(py::str(py::module_::import("os").attr("fspath")(path)));
+             return new DepthCamera(py::module_::import("os").attr("fsdecode")(path).cast<std::string>());
            }),
            "config_path"_a, "Creates a handle from the YAML configuration at config_path (str or path).")
       .def("close", &DepthCamera::close,

@@ -1,6 +1,7 @@
 """Refusals: bad arguments, refused configurations, nothing yet, closed
 objects; each with its exact exception and message, and the host going on."""
 import os
+import pathlib
 
 import numpy as np
 import pytest
@@ -99,7 +100,7 @@ def test_nothing_yet_and_refused_feeds(tmp_path, grey_sequence):
 
 
 def test_a_closed_object_refuses_every_call(grey_sequence):
-    cam = ld.Depth(os.path.join(grey_sequence.dir, "config.yaml"))
+    cam = ld.Depth(pathlib.Path(grey_sequence.dir) / "config.yaml")
     with cam:
         assert not cam.closed
     assert cam.closed and repr(cam).endswith(" closed>")
