@@ -31,6 +31,7 @@ def main():
     if not glob.glob(os.path.join(args.build, "python", "lumetra_depth*.so")) or not os.path.exists(host):
         print("python overhead: skipped, the Python module is not built (pybind11-dev, LUMO_BUILD_PYTHON)")
         return
+    sys.dont_write_bytecode = True  # nothing left behind in the source tree
     sys.path.insert(0, os.path.join(args.build, "python"))
     sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "python"))
     import lumetra_depth as ld
