@@ -64,11 +64,14 @@ void readOptional(const YamlNode& root, const char* key, T* out, T fallback) {
   if (!readKey(root, key, out)) *out = fallback;
 }
 
-// Width and height times the factor in single precision, truncated.
-ImageSize scaled(ImageSize size, float factor) {
-  return {static_cast<int>(static_cast<float>(size.width) * factor),
-          static_cast<int>(static_cast<float>(size.height) * factor)};
+// A length times the factor in single precision, truncated; a product no int
+// holds (the library refuses such sizes) counts as 0.
+int scaled(int length, float factor) {
+  const float product = static_cast<float>(length) * factor;
+  return product > -2147483648.0f && product < 2147483648.0f ? static_cast<int>(product) : 0;
 }
+
+ImageSize scaled(ImageSize size, float factor) { return {scaled(size.width, factor), scaled(size.height, factor)}; }
 
 std::size_t largest(std::initializer_list<ImageSize> sizes) {
   std::size_t most = 0;
