@@ -46,6 +46,7 @@ soak: build
 
 bench: build
 	$(BUILD_DIR)/bench/lumo_bench
+	/usr/bin/python3 bench/python_overhead.py $(BUILD_DIR)
 
 # The demo: render a sample sequence once (moving camera, pinhole rig, with
 # ground truth), compute its depth with the command-line program, and check

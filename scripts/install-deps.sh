@@ -9,6 +9,7 @@ packages=(
   libeigen3-dev
   libgtest-dev libgmock-dev
   libbenchmark-dev
+  pybind11-dev python3-dev python3-numpy python3-pytest
 )
 
 # --fuzz: also clang and its fuzzing runtime, for `make fuzz`.
