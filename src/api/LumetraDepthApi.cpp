@@ -12,6 +12,9 @@ namespace {
 
 StereoDepth* pipelineOf(void* handle) { return static_cast<LumetraDepthHandle*>(handle)->depth; }
 
+// A handle whose pipeline could not be made (no memory) answers 1 like a null one.
+bool noPipeline(void* handle) { return handle == nullptr || pipelineOf(handle) == nullptr; }
+
 // The tracker library is optional: its calibration getter is looked up at run
 // time, so the library loads in processes that do not have it.
 using GetCalibrationParam = int (*)(void*, LumoCalibrationParam*);
@@ -35,42 +38,42 @@ int KORV_LUMO_D_DestroyHandle(void* handle) {
 }
 
 int KORV_LUMO_D_FeedStereoImage(void* handle, LumoImage* frame) {
-  if (handle == nullptr) return 1;
+  if (noPipeline(handle)) return 1;
   return pipelineOf(handle)->feedStereoImage(frame);
 }
 
 int KORV_LUMO_D_FeedRGBImage(void* handle, LumoImage* frame) {
-  if (handle == nullptr) return 1;
+  if (noPipeline(handle)) return 1;
   return pipelineOf(handle)->feedRGBImage(frame);
 }
 
 int KORV_LUMO_D_FeedPose(void* handle, LumoPose* pose) {
-  if (handle == nullptr) return 1;
+  if (noPipeline(handle)) return 1;
   return pipelineOf(handle)->feedPose(pose);
 }
 
 int KORV_LUMO_D_GetDepthImage(void* handle, LumoDepthImage* depth, LumoDepthImage* disparity, LumoImage* aligned) {
-  if (handle == nullptr) return 1;
+  if (noPipeline(handle)) return 1;
   return pipelineOf(handle)->getDepthImage(depth, disparity, aligned);
 }
 
 int KORV_LUMO_D_GetRectifiedImage(void* handle, LumoImage* out) {
-  if (handle == nullptr) return 1;
+  if (noPipeline(handle)) return 1;
   return pipelineOf(handle)->getRectifyImage(out);
 }
 
 int KORV_LUMO_D_GetRectifyInfo(void* handle, LumoRectifyInfo* info) {
-  if (handle == nullptr) return 1;
+  if (noPipeline(handle)) return 1;
   return pipelineOf(handle)->getRectifyInfo(info);
 }
 
 int KORV_LUMO_D_GetPointcloud(void* handle, LumoMap* map, int maxPoints) {
-  if (handle == nullptr) return 1;
+  if (noPipeline(handle)) return 1;
   return static_cast<int>(pipelineOf(handle)->getPointcloud(map, maxPoints));
 }
 
 int KORV_LUMO_D_BindNavra(void* handle, void* navraHandle) {
-  if (handle == nullptr || navraHandle == nullptr) return 1;
+  if (noPipeline(handle) || navraHandle == nullptr) return 1;
   LumoCalibrationParam param{};
   const GetCalibrationParam getter = trackerCalibrationGetter();
   if (getter == nullptr || getter(navraHandle, &param) != 0) {
@@ -81,7 +84,7 @@ int KORV_LUMO_D_BindNavra(void* handle, void* navraHandle) {
 }
 
 int KORV_LUMO_D_GetCoordinates(void* handle, const int* pixels, int count, const LumoDepthImage* depth, float* out) {
-  if (handle == nullptr) return 1;
+  if (noPipeline(handle)) return 1;
   return static_cast<int>(pipelineOf(handle)->getCoordinates2Ext(pixels, count, depth, out));
 }
 

@@ -1,5 +1,6 @@
 #include "camera/LumoCam.h"
 
+#include <limits>
 #include <cmath>
 
 namespace KorvLumetra {
@@ -8,8 +9,8 @@ namespace {
 
 // Single-precision machine epsilon: a normalized radius below it is the
 // principal ray, where the equidistant scale theta / r is 0 / 0.
-constexpr float kEpsilon = 1.1920929e-7f;
-constexpr float kEpsilonSquared = 1.4210855e-14f;
+constexpr float kEpsilon = std::numeric_limits<float>::epsilon();
+constexpr float kEpsilonSquared = kEpsilon * kEpsilon;  // 2^-46, exactly
 
 constexpr int kRadtanEvaluations = 8;
 constexpr int kRationalIterations = 10;

@@ -127,28 +127,17 @@ ImportStatus StereoCalibration::buildDepthTable(const Setup& setup, CalibrationR
   // The table addresses the images the host receives: input size when results
   // are restored to it, working size otherwise.
   const ImageSize size = setup.restoreDepthDim ? setup.inputSizes[index] : setup.workingSizes[index];
-  const cv::Mat& K = setup.restoreDepthDim ? camKInput_[index] : camKProc_[index];
   const int W = size.width > 0 ? size.width : 0;
   const int H = size.height > 0 ? size.height : 0;
   depthLut_.resize(2 * static_cast<std::size_t>(W) * static_cast<std::size_t>(H));
 
   if (depthCam_ == nullptr) {
     LumoIntrinsics intrinsics{};
-    intrinsics.camera_model = 1;
-    intrinsics.width = static_cast<uint32_t>(W);
-    intrinsics.height = static_cast<uint32_t>(H);
-    intrinsics.fx = static_cast<float>(K.at<double>(0, 0));
-    intrinsics.fy = static_cast<float>(K.at<double>(1, 1));
-    intrinsics.cx = static_cast<float>(K.at<double>(0, 2));
-    intrinsics.cy = static_cast<float>(K.at<double>(1, 2));
-    const cv::Mat& D = camD_[index];
-    const int n = static_cast<int>(D.total()) < 8 ? static_cast<int>(D.total()) : 8;
-    for (int j = 0; j < n; ++j) intrinsics.distortion_coeffs[j] = static_cast<float>(D.at<double>(j));
-    if (camModels_[index] == kCamModelUnknown) {
+    if (!cameraIntrinsics(index, setup.restoreDepthDim, {W, H}, &intrinsics)) {
       report.error("LUTDepthGenerator", "unknow cam model, exiting");
       return ImportStatus::fatal(-1);
     }
-    if (!lumoCamDistortionCode(camModels_[index], &intrinsics.distortion_model)) intrinsics.distortion_model = 0;
+    intrinsics.camera_model = 1;
     depthCam_ = std::make_shared<const LumoCam>(intrinsics);
   }
 
@@ -169,6 +158,22 @@ ImportStatus StereoCalibration::buildDepthTable(const Setup& setup, CalibrationR
     }
   });
   return ImportStatus::ok();
+}
+
+bool StereoCalibration::cameraIntrinsics(std::size_t camera, bool atInputSize, ImageSize size,
+                                         LumoIntrinsics* out) const {
+  const cv::Mat& K = atInputSize ? camKInput_[camera] : camKProc_[camera];
+  *out = LumoIntrinsics{};
+  out->width = static_cast<uint32_t>(size.width);
+  out->height = static_cast<uint32_t>(size.height);
+  out->fx = static_cast<float>(K.at<double>(0, 0));
+  out->fy = static_cast<float>(K.at<double>(1, 1));
+  out->cx = static_cast<float>(K.at<double>(0, 2));
+  out->cy = static_cast<float>(K.at<double>(1, 2));
+  const cv::Mat& D = camD_[camera];
+  const int n = static_cast<int>(D.total()) < 8 ? static_cast<int>(D.total()) : 8;
+  for (int j = 0; j < n; ++j) out->distortion_coeffs[j] = static_cast<float>(D.at<double>(j));
+  return lumoCamDistortionCode(camModels_[camera], &out->distortion_model);
 }
 
 int StereoCalibration::flatten2DCvMat(const cv::Mat& m, float* out) {

@@ -63,6 +63,11 @@ class StereoCalibration {
   // Reports as LUTDepthGenerator.
   ImportStatus buildDepthTable(const Setup& setup, CalibrationReport& report);
 
+  // Camera `camera` as the camera model takes it, on a grid of `size`: the
+  // entries of its intrinsic matrix at input (or working) size and up to eight
+  // coefficients, narrowed to float. False for an unknown model.
+  bool cameraIntrinsics(std::size_t camera, bool atInputSize, ImageSize size, LumoIntrinsics* out) const;
+
   // Copies a single-channel matrix as floats, row-major: 0, or 1 when it is
   // empty or has several channels (nothing written).
   static int flatten2DCvMat(const cv::Mat& m, float* out);

@@ -1,4 +1,5 @@
 // StereoCalibration: the import of a camera-chain calibration file.
+#include <limits>
 #include <cmath>
 #include <cstdio>
 #include <sstream>
@@ -16,7 +17,7 @@ namespace {
 
 using KorvTech::YamlNode;
 
-constexpr float kFloatEpsilon = 1.1920929e-7f;
+constexpr float kFloatEpsilon = std::numeric_limits<float>::epsilon();
 constexpr const char* kFunction = "initCameraFromCalibYaml";
 
 // A 4x4 matrix as four rows of four numbers or as one list of 16, row-major.

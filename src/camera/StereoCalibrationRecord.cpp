@@ -1,4 +1,5 @@
 // StereoCalibration: the import of the tracker's calibration record.
+#include <limits>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
@@ -10,7 +11,7 @@ namespace KorvLumetra {
 
 namespace {
 
-constexpr float kFloatEpsilon = 1.1920929e-7f;
+constexpr float kFloatEpsilon = std::numeric_limits<float>::epsilon();
 constexpr uint32_t kMaxRecordCameras = 3;
 constexpr const char* kFunction = "initCameraFromCalib";
 

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 #include <utility>
 
@@ -13,6 +14,7 @@
 
 #include "api/DebugDump.h"
 #include "api/ErrorLog.h"
+#include "engine/FrameRecords.h"
 
 namespace KorvLumetra {
 
@@ -63,7 +65,8 @@ StereoCVEngine::StereoCVEngine(int width, int height, int channels, float depthF
                                     cv::StereoSGBM::MODE_SGBM_3WAY);
   setInputImageSize(width, height, channels);
   createBuffer();
-  initialized_.store(true);
+  // Without its buffers the engine stays uninitialized and refuses frames.
+  initialized_.store(workingFrame_ != nullptr);
   worker_ = std::thread(&StereoCVEngine::inferLoop, this);
 }
 
@@ -86,45 +89,16 @@ int StereoCVEngine::setInputImageSize(int width, int height, int channels) {
   return 0;
 }
 
-static LumoImage* newInputRecord(std::size_t bytes) {
-  auto* record = new LumoImage{};
-  record->data = static_cast<uint8_t*>(std::calloc(bytes, 1));
-  if (record->data == nullptr) {
-    delete record;
-    return nullptr;
-  }
-  return record;
-}
-
-static void deleteInputRecord(LumoImage*& record) {
-  if (record != nullptr) std::free(record->data);
-  delete record;
-  record = nullptr;
-}
-
-static LumoDepthImage* newResultRecord(std::size_t count) {
-  auto* record = new LumoDepthImage{};
-  record->data = static_cast<float*>(std::calloc(count, sizeof(float)));
-  return record;
-}
-
-static void deleteResultRecord(LumoDepthImage*& record) {
-  if (record != nullptr) std::free(record->data);
-  delete record;
-  record = nullptr;
-}
-
 void StereoCVEngine::createBuffer() {
   destroyBuffer();
   inputCapacity_ = static_cast<std::size_t>(width_) * height_ * channels_ * 2;
-  workingFrame_ = newInputRecord(inputCapacity_);
-  stagingFrame_ = newInputRecord(inputCapacity_);
-
   resultCapacity_ = static_cast<std::size_t>(shape_[0]) * shape_[1] * shape_[2] * shape_[3];
-  {
+  try {
+    workingFrame_ = newImageRecord(inputCapacity_);
+    stagingFrame_ = newImageRecord(inputCapacity_);
     std::lock_guard<std::mutex> lock(resultMutex_);
-    disparityResult_ = newResultRecord(resultCapacity_);
-    depthResult_ = newResultRecord(resultCapacity_);
+    disparityResult_ = newDepthRecord(resultCapacity_ * sizeof(float));
+    depthResult_ = newDepthRecord(resultCapacity_ * sizeof(float));
     disparityResult_->width = static_cast<uint32_t>(shape_[3]);
     disparityResult_->height = static_cast<uint32_t>(shape_[2]);
     disparityResult_->channels = 1;
@@ -132,9 +106,10 @@ void StereoCVEngine::createBuffer() {
     float* depthData = depthResult_->data;
     *depthResult_ = *disparityResult_;
     depthResult_->data = depthData;
+  } catch (const std::bad_alloc&) {
   }
 
-  if (workingFrame_ == nullptr || stagingFrame_ == nullptr) {
+  if (workingFrame_ == nullptr || stagingFrame_ == nullptr || depthResult_ == nullptr) {
     logErrorf("createBuffer", "Buffer create failed!");
     destroyBuffer();
     initialized_.store(false);
@@ -142,11 +117,11 @@ void StereoCVEngine::createBuffer() {
 }
 
 void StereoCVEngine::destroyBuffer() {
-  deleteInputRecord(workingFrame_);
-  deleteInputRecord(stagingFrame_);
+  deleteRecord(workingFrame_);
+  deleteRecord(stagingFrame_);
   std::lock_guard<std::mutex> lock(resultMutex_);
-  deleteResultRecord(disparityResult_);
-  deleteResultRecord(depthResult_);
+  deleteRecord(disparityResult_);
+  deleteRecord(depthResult_);
 }
 
 int StereoCVEngine::feedImage(LumoImage* image) {

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <limits>
 #include <array>
 #include <chrono>
 #include <cerrno>
@@ -18,14 +19,14 @@
 
 #include "api/DebugDump.h"
 #include "api/ErrorLog.h"
-#include "pipeline/FrameRecords.h"
+#include "engine/FrameRecords.h"
 #include "pipeline/PollSleep.h"
 
 namespace KorvLumetra {
 
 namespace {
 
-constexpr float kFloatEpsilon = 1.1920929e-7f;
+constexpr float kFloatEpsilon = std::numeric_limits<float>::epsilon();
 constexpr int kSyncPolls = 2000;
 constexpr int kSyncPollsDebug = 200000;  // debug dumps are slow
 
@@ -35,29 +36,40 @@ StereoDepth::StereoDepth() {
   newFrame_.store(0);
   running_.store(1);
   preprocessThread_ = std::thread(&StereoDepth::preprocessLoop, this);
+  // The buffers are reserved after the first thread starts: if memory runs
+  // out, that thread is stopped before the failure leaves the constructor.
+  try {
+    incomingStereo_ = newImageRecord(kStereoBufferBytes);
+    workingStereo_ = newImageRecord(kStereoBufferBytes);
+    rectified_ = newImageRecord(kStereoBufferBytes);
+    unrectifiedViews_ = newImageRecord(kStereoBufferBytes);
+    depth_ = newDepthRecord(kDepthBufferBytes);
+    disparity_ = newDepthRecord(kDepthBufferBytes);
+    depthOutput_ = newDepthRecord(kOutputBufferBytes);
+    alignedColour_ = newImageRecord(kColourBufferBytes);
+    colourInput_ = newImageRecord(kColourBufferBytes);
+    colourToDepth_ = newImageRecord(kColourBufferBytes);
+    depthToColour_ = newDepthRecord(kOutputBufferBytes);
+    temporalFilter_ = std::make_unique<KesTemporalFilter>();
+    spatialFilter_ = std::make_unique<VorSpatialFilter>();
 
-  incomingStereo_ = newImageRecord(kStereoBufferBytes);
-  workingStereo_ = newImageRecord(kStereoBufferBytes);
-  rectified_ = newImageRecord(kStereoBufferBytes);
-  unrectifiedViews_ = newImageRecord(kStereoBufferBytes);
-  depth_ = newDepthRecord(kDepthBufferBytes);
-  disparity_ = newDepthRecord(kDepthBufferBytes);
-  depthOutput_ = newDepthRecord(kOutputBufferBytes);
-  alignedColour_ = newImageRecord(kColourBufferBytes);
-  colourInput_ = newImageRecord(kColourBufferBytes);
-  colourToDepth_ = newImageRecord(kColourBufferBytes);
-  depthToColour_ = newDepthRecord(kOutputBufferBytes);
-  temporalFilter_ = std::make_unique<KesTemporalFilter>();
-  spatialFilter_ = std::make_unique<VorSpatialFilter>();
-
-  stereoRing_ = std::make_unique<LumoUtils::LumoImageRing>(kStereoRingSlots, kRingSlotBytes);
-  colourRing_ = std::make_unique<LumoUtils::LumoImageRing>(kColourRingSlots, kRingSlotBytes);
-  poseRing_ = std::make_unique<LumoUtils::LumoPoseRing>(kPoseRingSlots);
-
+    stereoRing_ = std::make_unique<LumoUtils::LumoImageRing>(kStereoRingSlots, kRingSlotBytes);
+    colourRing_ = std::make_unique<LumoUtils::LumoImageRing>(kColourRingSlots, kRingSlotBytes);
+    poseRing_ = std::make_unique<LumoUtils::LumoPoseRing>(kPoseRingSlots);
+  } catch (...) {
+    stopThreads();
+    freeBuffers();
+    throw;
+  }
   resultThread_ = std::thread(&StereoDepth::updateResult, this);
 }
 
 StereoDepth::~StereoDepth() {
+  stopThreads();
+  freeBuffers();
+}
+
+void StereoDepth::stopThreads() {
   {
     // Under the frame mutex, so that the preprocessing thread cannot miss the
     // wake-up between its check of the flag and its wait.
@@ -76,7 +88,9 @@ StereoDepth::~StereoDepth() {
   spatialFilter_.reset();
   alignImage_.reset();
   if (preprocessThread_.joinable()) preprocessThread_.join();
+}
 
+void StereoDepth::freeBuffers() {
   stereoRing_.reset();
   colourRing_.reset();
   poseRing_.reset();

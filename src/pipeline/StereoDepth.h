@@ -105,6 +105,8 @@ class StereoDepth {
  private:
   friend struct StereoDepthTestAccess;  // tests inspect calibration and buffers
 
+  void stopThreads();
+  void freeBuffers();
   // The preprocessing thread's stages.
   void preprocessLoop();
   LumoImage* takeFrame();

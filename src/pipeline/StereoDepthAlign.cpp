@@ -1,4 +1,5 @@
 // StereoDepth: the auxiliary (colour) camera side of alignment.
+#include <limits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -7,7 +8,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "api/ErrorLog.h"
-#include "pipeline/FrameRecords.h"
+#include "engine/FrameRecords.h"
 #include "pipeline/StereoDepth.h"
 
 namespace KorvLumetra {
@@ -47,7 +48,7 @@ int StereoDepth::feedRGBImage(LumoImage* image) {
   cv::Mat frame = wrapped;
   // Brought to the configured size; a frame of another size is resized too,
   // so that the copy below never reads past the host's buffer.
-  if (std::fabs(auxCamScaling_ - 1.0f) > 1.1920929e-7f || wrapped.cols != input.width ||
+  if (std::fabs(auxCamScaling_ - 1.0f) > std::numeric_limits<float>::epsilon() || wrapped.cols != input.width ||
       wrapped.rows != input.height) {
     cv::resize(wrapped, frame, cv::Size(input.width, input.height), 0, 0, cv::INTER_LINEAR);
   }
@@ -95,17 +96,7 @@ int StereoDepth::initAlignParam() {
   depthIntrinsics.cy = static_cast<float>(P1.at<double>(1, 2) * scale);
 
   LumoIntrinsics otherIntrinsics{};
-  const cv::Mat& K = calib.kInput()[other];
-  otherIntrinsics.width = static_cast<uint32_t>(inputSizes_[other].width);
-  otherIntrinsics.height = static_cast<uint32_t>(inputSizes_[other].height);
-  otherIntrinsics.fx = static_cast<float>(K.at<double>(0, 0));
-  otherIntrinsics.fy = static_cast<float>(K.at<double>(1, 1));
-  otherIntrinsics.cx = static_cast<float>(K.at<double>(0, 2));
-  otherIntrinsics.cy = static_cast<float>(K.at<double>(1, 2));
-  const cv::Mat& D = calib.distortion()[other];
-  const int coefficients = static_cast<int>(D.total()) < 8 ? static_cast<int>(D.total()) : 8;
-  for (int j = 0; j < coefficients; ++j) otherIntrinsics.distortion_coeffs[j] = static_cast<float>(D.at<double>(j));
-  if (!lumoCamDistortionCode(calib.models()[other], &otherIntrinsics.distortion_model)) {
+  if (!calib.cameraIntrinsics(other, true, inputSizes_[other], &otherIntrinsics)) {
     logError("initAlignParam", "unknow cam model, exiting");
     std::fflush(stdout);
     std::exit(-1);

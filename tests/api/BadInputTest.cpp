@@ -4,7 +4,11 @@
 // keys. Faulty calibration values are in CalibrationFilesTest.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -222,6 +226,36 @@ TEST(BadInputDeathTest, MissingRequiredKeysEndTheProcess) {
   text.replace(text.find("resolution", text.find("cam1")), 10, "resolutiom");
   LumoTest::writeText(dir.file("calib.yaml"), text);
   EXPECT_EXIT(create(), testing::ExitedWithCode(1), R"(\[CheckParseYaml\] Missing required key: resolution)");
+}
+
+// A host short of address space gets 1 and a handle that refuses everything,
+// instead of an exception through the C interface.
+TEST(BadInputDeathTest, NoMemoryForTheBuffersIsRefused) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "a sanitizer's shadow memory does not fit an address-space limit";
+#endif
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  TempDir dir;
+  const std::string path = writeHost(dir, hostConfig());
+  const auto shortOfMemory = [&] {
+    std::fflush(stdout);
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    long used = 0;  // kB of address space in use now
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.rfind("VmSize:", 0) == 0) used = std::stol(line.substr(7));
+    }
+    const rlimit limit{static_cast<rlim_t>(used + 400 * 1024) * 1024, RLIM_INFINITY};  // 400 MB more, not 1.2 GB
+    setrlimit(RLIMIT_AS, &limit);
+    void* handle = nullptr;
+    cv::Mat pixels = stackedFrame(1);
+    LumoImage frame = LumoTest::wrapStacked(pixels, 1);
+    const bool refused = KORV_LUMO_D_CreateHandleWithConfig(&handle, path.c_str()) == 1 && handle != nullptr &&
+                         KORV_LUMO_D_FeedStereoImage(handle, &frame) == 1 && KORV_LUMO_D_DestroyHandle(handle) == 0;
+    std::exit(refused ? 0 : 1);
+  };
+  EXPECT_EXIT(shortOfMemory(), testing::ExitedWithCode(0),
+              R"(\[ ERROR\] Initialize\(\): not enough memory for the pipeline's buffers)");
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <limits>
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -95,7 +96,7 @@ std::string aspectProblem(const Settings& s, const std::string& calibPath) {
     const int w = i < 2 ? s.width : s.auxWidth, h = i < 2 ? s.height : s.auxHeight;
     const float sw = static_cast<float>(w) / static_cast<float>(width);
     const float sh = static_cast<float>(h) / static_cast<float>(height);
-    if (std::fabs(sw - sh) > 1.1920929e-7f) {
+    if (std::fabs(sw - sh) > std::numeric_limits<float>::epsilon()) {
       return std::string(i < 2 ? "input size " : "colour camera size ") + size(w, h) +
              " does not have the aspect of cam" + std::to_string(i) + "'s resolution " + size(width, height);
     }
