@@ -4,7 +4,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test test-asan test-tsan soak bench demo fuzz clean
+.PHONY: all deps configure build test test-asan test-tsan soak bench demo package fuzz clean
 
 all: build
 
@@ -46,6 +46,12 @@ soak: build
 
 bench: build
 	$(BUILD_DIR)/bench/lumo_bench
+
+# The Debian package of the build (library with its links, header, CMake and
+# pkg-config files, lumetra-depth), written into the build folder; not installed.
+package: build
+	cmake --build $(BUILD_DIR) --target package
+	@echo "Contents: dpkg-deb -c $$(ls $(BUILD_DIR)/*.deb); install: apt install ./$$(ls $(BUILD_DIR)/*.deb)"
 
 # The demo: render a sample sequence once (moving camera, pinhole rig, with
 # ground truth), compute its depth with the command-line program, and check
