@@ -67,8 +67,9 @@ demo: configure
 	$(TOOL) run $(SAMPLE)/config.yaml $(SAMPLE) --out $(DEMO_OUT) --cloud-every 8
 	$(TOOL) eval $(DEMO_OUT) $(SAMPLE) --require-median 2
 	@echo "Pictures in $(DEMO_OUT)/: depth_colour_*.png (depth with its range), rectified_*.png"
-	@echo "(rectified pair with guide lines), error_heatmap.png; depth_*.png is 16-bit millimetres,"
-	@echo "cloud_*.ply and cloud_*.pcd are point clouds. The input frames are in $(SAMPLE)/."
+	@echo "(rectified pair with guide lines), error_heatmap.png. Depth: depth_*.tiff (32-bit float,"
+	@echo "metres, 0 = none) and depth_*.png (16-bit millimetres); point clouds: cloud_*.pcd and"
+	@echo "cloud_*.ply (binary). The input frames and ground truth are in $(SAMPLE)/."
 
 clean:
 	rm -rf build build-asan build-tsan build-fuzz
