@@ -9,6 +9,7 @@ packages=(
   libeigen3-dev
   libgtest-dev libgmock-dev
   libbenchmark-dev
+  dpkg-dev file   # make package and its test: dpkg-shlibdeps, and file to find the shared objects
 )
 
 # --fuzz: also clang and its fuzzing runtime, for `make fuzz`.

@@ -111,6 +111,7 @@ TEST(ToolSequence, RunWritesMetricDepthPicturesAndCloudsThatEvalScores) {
     ASSERT_EQ(depth.size(), cv::Size(kWidth, kHeight));
     const cv::Mat mm = cv::imread(numbered(out, "depth_", n, ".png"), cv::IMREAD_UNCHANGED);
     ASSERT_EQ(mm.type(), CV_16UC1);
+    ASSERT_EQ(mm.size(), depth.size());
     const cv::Mat truth = LumoSynth::readDepth(numbered(sample(), "depth_", n, ".tiff"));
     ASSERT_EQ(truth.type(), CV_32FC1);
     for (int v = 0; v < kHeight; ++v) {
