@@ -4,7 +4,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test test-asan test-tsan soak bench demo fuzz clean
+.PHONY: all deps configure build test test-asan test-tsan soak bench demo package fuzz clean
 
 all: build
 
@@ -48,6 +48,12 @@ bench: build
 	$(BUILD_DIR)/bench/lumo_bench
 	/usr/bin/python3 bench/python_overhead.py $(BUILD_DIR)
 
+# The Debian package of the build (library with its links, header, CMake and
+# pkg-config files, lumetra-depth), written into the build folder; not installed.
+package: build
+	cmake --build $(BUILD_DIR) --target package
+	@echo "Contents: dpkg-deb -c $$(ls $(BUILD_DIR)/*.deb); install: apt install ./$$(ls $(BUILD_DIR)/*.deb)"
+
 # The demo: render a sample sequence once (moving camera, pinhole rig, with
 # ground truth), compute its depth with the command-line program, and check
 # the accuracy against the ground truth.
@@ -62,8 +68,9 @@ demo: configure
 	$(TOOL) run $(SAMPLE)/config.yaml $(SAMPLE) --out $(DEMO_OUT) --cloud-every 8
 	$(TOOL) eval $(DEMO_OUT) $(SAMPLE) --require-median 2
 	@echo "Pictures in $(DEMO_OUT)/: depth_colour_*.png (depth with its range), rectified_*.png"
-	@echo "(rectified pair with guide lines), error_heatmap.png; depth_*.png is 16-bit millimetres,"
-	@echo "cloud_*.ply and cloud_*.pcd are point clouds. The input frames are in $(SAMPLE)/."
+	@echo "(rectified pair with guide lines), error_heatmap.png. Depth: depth_*.tiff (32-bit float,"
+	@echo "metres, 0 = none) and depth_*.png (16-bit millimetres); point clouds: cloud_*.pcd and"
+	@echo "cloud_*.ply (binary). The input frames and ground truth are in $(SAMPLE)/."
 
 clean:
 	rm -rf build build-asan build-tsan build-fuzz

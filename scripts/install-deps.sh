@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev
   libbenchmark-dev
   pybind11-dev python3-dev python3-numpy python3-pytest
+  dpkg-dev file   # make package and its test: dpkg-shlibdeps, and file to find the shared objects
 )
 
 # --fuzz: also clang and its fuzzing runtime, for `make fuzz`.

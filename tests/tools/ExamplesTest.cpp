@@ -44,7 +44,7 @@ TEST(Examples, HostsMeasureTheRenderedScene) {
   ASSERT_EQ(std::sscanf(cpp.out.c_str() + open, "point (%lf, %lf, %lf)", &x, &y, &z), 3) << cpp.out;
   const double depth = numberAfter(cpp.out, "at depth ");
   EXPECT_NEAR(z, depth, 1e-3);
-  EXPECT_NEAR(depth, LumoSynth::readDepth(dir.file("depth_000000.ldep")).at<float>(100, 160), 0.05 * depth);
+  EXPECT_NEAR(depth, LumoSynth::readDepth(dir.file("depth_000000.tiff")).at<float>(100, 160), 0.05 * depth);
   EXPECT_NE(runProgram(LUMO_HOST_CPP, {dir.file("config.yaml"), dir.file("missing.png")}).status, 0);
 }
 

@@ -77,44 +77,78 @@ std::string runInto(const std::string& out, const std::string& input, const std:
   return out;
 }
 
+// An old sample folder's ground truth: "LDEP", width, height, then the floats (little-endian).
+void writeLdep(const std::string& path, const cv::Mat& depth) {
+  std::ofstream out(path, std::ios::binary);
+  const uint32_t size[2] = {static_cast<uint32_t>(depth.cols), static_cast<uint32_t>(depth.rows)};
+  out.write("LDEP", 4);
+  out.write(reinterpret_cast<const char*>(size), sizeof(size));
+  out.write(reinterpret_cast<const char*>(depth.data), static_cast<std::streamsize>(depth.total() * 4));
+}
+
 TEST(ToolSequence, RunWritesMetricDepthPicturesAndCloudsThatEvalScores) {
   const TempDir scratch;
   const std::string out = scratch.file("out");
-  ASSERT_EQ(tool({"run", config(), sample(), "--out", out}).status, 0);
+  const ProgramResult run = tool({"run", config(), sample(), "--out", out});
+  ASSERT_EQ(run.status, 0) << run.err;
+  // The disk space reported is that of the files in the folder.
+  std::uintmax_t bytes = 0;
+  int files = 0;
+  for (const auto& entry : fs::directory_iterator(out)) {
+    bytes += entry.file_size();
+    ++files;
+  }
+  EXPECT_NEAR(numberAfter(run.out, "disk space"), bytes / 1e6, 0.051) << run.out;
+  EXPECT_EQ(numberAfter(run.out, "MB in "), files) << run.out;
+
   // Eval's figures computed plainly: pixels with both depths for errors,
   // ground-truth pixels right of the 32-column band (320 / 10) for density.
-  std::vector<double> relative;
+  std::vector<double> relative, relativeMm;  // the latter from the millimetre PNGs
   long long within2 = 0, visible = 0, covered = 0;
   for (int n = 0; n < kFrames; ++n) {
+    const cv::Mat depth = cv::imread(numbered(out, "depth_", n, ".tiff"), cv::IMREAD_UNCHANGED);
+    ASSERT_EQ(depth.type(), CV_32FC1);
+    ASSERT_EQ(depth.size(), cv::Size(kWidth, kHeight));
     const cv::Mat mm = cv::imread(numbered(out, "depth_", n, ".png"), cv::IMREAD_UNCHANGED);
     ASSERT_EQ(mm.type(), CV_16UC1);
-    ASSERT_EQ(mm.size(), cv::Size(kWidth, kHeight));
-    const cv::Mat truth = LumoSynth::readDepth(numbered(sample(), "depth_", n, ".ldep"));
+    ASSERT_EQ(mm.size(), depth.size());
+    const cv::Mat truth = LumoSynth::readDepth(numbered(sample(), "depth_", n, ".tiff"));
+    ASSERT_EQ(truth.type(), CV_32FC1);
     for (int v = 0; v < kHeight; ++v) {
       for (int u = 0; u < kWidth; ++u) {
-        const double d = mm.at<uint16_t>(v, u) / 1000.0, z = truth.at<float>(v, u);  // millimetres, metres
+        const double d = depth.at<float>(v, u), z = truth.at<float>(v, u);  // metres
+        // The PNG is the same depth in whole millimetres.
+        const double millimetres = mm.at<uint16_t>(v, u);
+        if (d > 0.0) {
+          ASSERT_LE(std::fabs(millimetres - 1000.0 * d), 0.5 + 1e-3) << u << "," << v;
+        } else {
+          ASSERT_EQ(millimetres, 0.0) << u << "," << v;
+        }
         if (z <= 0.0) continue;
         visible += u >= kWidth / 10;
         covered += u >= kWidth / 10 && d > 0.0;
         if (d <= 0.0) continue;
         relative.push_back(std::fabs(d - z) / z);
+        relativeMm.push_back(std::fabs(millimetres / 1000.0 - z) / z);
         within2 += relative.back() <= 0.02;
       }
     }
-
-    // PCD: header count = data lines; PLY: header count = binary payload.
-    const std::string pcd = readText(numbered(out, "cloud_", n, ".pcd"));
-    const int points = static_cast<int>(numberAfter(pcd, "\nPOINTS "));
-    EXPECT_GT(points, 100);
-    EXPECT_EQ(std::count(pcd.begin() + static_cast<std::ptrdiff_t>(pcd.find("DATA ascii\n") + 11), pcd.end(), '\n'),
-              points);
-    const std::string ply = readText(numbered(out, "cloud_", n, ".ply"));
-    EXPECT_EQ(static_cast<int>(numberAfter(ply, "element vertex ")), points);
-    EXPECT_EQ(ply.size() - (ply.find("end_header\n") + 11), static_cast<std::size_t>(points) * 12);
   }
+  // By default the cloud of every 30th frame: here only the first. Binary
+  // PCD and PLY hold the same points after their headers.
+  const std::string pcd = readText(numbered(out, "cloud_", 0, ".pcd"));
+  const std::string ply = readText(numbered(out, "cloud_", 0, ".ply"));
+  const int points = static_cast<int>(numberAfter(pcd, "\nPOINTS "));
+  EXPECT_GT(points, 100);
+  EXPECT_EQ(static_cast<int>(numberAfter(ply, "element vertex ")), points);
+  const std::size_t pcdData = pcd.find("DATA binary\n") + 12, plyData = ply.find("end_header\n") + 11;
+  EXPECT_EQ(pcd.size() - pcdData, static_cast<std::size_t>(points) * 12);
+  EXPECT_EQ(pcd.substr(pcdData), ply.substr(plyData));
+  EXPECT_FALSE(fs::exists(numbered(out, "cloud_", 1, ".pcd")));
 
   ASSERT_GT(relative.size(), static_cast<std::size_t>(kFrames * kWidth * kHeight / 2));
   std::nth_element(relative.begin(), relative.begin() + relative.size() / 2, relative.end());
+  std::nth_element(relativeMm.begin(), relativeMm.begin() + relativeMm.size() / 2, relativeMm.end());
   EXPECT_LT(relative[relative.size() / 2], 0.05);
   const ProgramResult r = tool({"eval", out, sample()});
   ASSERT_EQ(r.status, 0) << r.err;
@@ -126,12 +160,32 @@ TEST(ToolSequence, RunWritesMetricDepthPicturesAndCloudsThatEvalScores) {
   // The accuracy gate fails when asked for more than the run achieved.
   expectOneLineError(tool({"eval", out, sample(), "--require-median", "0.01"}), "median relative error");
 
-  // A limited run; world-frame clouds need the poses beside the frames.
+  // Folders of earlier versions: millimetre PNGs only, ground truth in .ldep.
+  const std::string oldOut = scratch.file("old-out"), oldTruth = scratch.file("old-truth");
+  fs::create_directories(oldOut);
+  fs::create_directories(oldTruth);
+  for (int n = 0; n < kFrames; ++n) {
+    fs::copy_file(numbered(out, "depth_", n, ".png"), numbered(oldOut, "depth_", n, ".png"));
+    writeLdep(numbered(oldTruth, "depth_", n, ".ldep"), LumoSynth::readDepth(numbered(sample(), "depth_", n, ".tiff")));
+  }
+  const ProgramResult old = tool({"eval", oldOut, oldTruth});
+  ASSERT_EQ(old.status, 0) << old.err;
+  EXPECT_NE(old.out.find(std::to_string(kFrames) + " frames"), std::string::npos) << old.out;
+  EXPECT_NEAR(numberAfter(old.out, "median relative error"), 100.0 * relativeMm[relativeMm.size() / 2], 0.01)
+      << old.out;
+
+  // A limited run with every cloud in text form; world-frame clouds need the poses beside the frames.
   writeText(sample() + "/world.yaml", withKey(readText(config()), "pointcloud_type", "2"));
-  const ProgramResult limited = tool({"run", sample() + "/world.yaml", sample(), "--out", out + "2", "--limit", "2"});
+  const ProgramResult limited = tool({"run", sample() + "/world.yaml", sample(), "--out", out + "2", "--limit", "2",
+                                      "--cloud-every", "1", "--ascii-pcd"});
   EXPECT_NE(limited.out.find("2 with depth"), std::string::npos) << limited.out << limited.err;
-  EXPECT_TRUE(fs::exists(numbered(out + "2", "cloud_", 1, ".ply")));
-  EXPECT_FALSE(fs::exists(numbered(out + "2", "depth_", 2, ".png")));
+  const std::string ascii = readText(numbered(out + "2", "cloud_", 1, ".pcd"));
+  const std::size_t asciiData = ascii.find("DATA ascii\n");
+  ASSERT_NE(asciiData, std::string::npos);
+  EXPECT_EQ(std::count(ascii.begin() + static_cast<std::ptrdiff_t>(asciiData + 11), ascii.end(), '\n'),
+            static_cast<int>(numberAfter(ascii, "\nPOINTS ")));
+  EXPECT_GT(numberAfter(ascii, "\nPOINTS "), 100);
+  EXPECT_FALSE(fs::exists(numbered(out + "2", "depth_", 2, ".tiff")));
 }
 
 // Stacked frames, two folders of single views and side-by-side pairs are the
@@ -158,8 +212,8 @@ TEST(ToolSequence, EveryInputFormAndAsynchronousModeGiveTheSameDepth) {
     const auto& [input, cfg] = forms[i];
     const std::string out = runInto(scratch.file("form" + std::to_string(i)), input, cfg);
     for (int n = 0; n < kFrames; ++n) {
-      const cv::Mat a = cv::imread(numbered(stacked, "depth_", n, ".png"), cv::IMREAD_UNCHANGED);
-      const cv::Mat b = cv::imread(numbered(out, "depth_", n, ".png"), cv::IMREAD_UNCHANGED);
+      const cv::Mat a = cv::imread(numbered(stacked, "depth_", n, ".tiff"), cv::IMREAD_UNCHANGED);
+      const cv::Mat b = cv::imread(numbered(out, "depth_", n, ".tiff"), cv::IMREAD_UNCHANGED);
       ASSERT_EQ(a.size(), b.size()) << input << " frame " << n;
       EXPECT_EQ(cv::countNonZero(a != b), 0) << input << " frame " << n;
     }
@@ -259,7 +313,7 @@ TEST(ToolErrors, BadInvocationsGiveOneLineAndAFailureStatus) {
       {{"run", config, dir.file("frames"), "--out", dir.file("o")},
        "frame_000000.png' is 300x400; the configuration wants two 320x200 views"},
       {{"eval", missing, dir.path()}, "cannot read '" + missing + "'"},
-      {{"eval", empty, dir.path()}, "no depth_N.png"},
+      {{"eval", empty, dir.path()}, "no depth_N.tiff"},
   };
   for (const auto& [args, mention] : cases) {
     SCOPED_TRACE(mention);

@@ -23,14 +23,20 @@ void finish(File& file, const std::string& path) {
 
 }  // namespace
 
-void writePcd(const std::string& path, const float* points, int count) {
-  File file = openForWriting(path, "w");
+void writePcd(const std::string& path, const float* points, int count, PcdData data) {
+  const bool ascii = data == PcdData::Ascii;
+  File file = openForWriting(path, ascii ? "w" : "wb");
   std::fprintf(file.get(),
                "# .PCD v0.7 - Point Cloud Data file format\nVERSION 0.7\nFIELDS x y z\nSIZE 4 4 4\nTYPE F F F\n"
-               "COUNT 1 1 1\nWIDTH %d\nHEIGHT 1\nVIEWPOINT 0 0 0 1 0 0 0\nPOINTS %d\nDATA ascii\n",
-               count, count);
-  for (int i = 0; i < count; ++i) {
-    std::fprintf(file.get(), "%f %f %f\n", points[3 * i], points[3 * i + 1], points[3 * i + 2]);
+               "COUNT 1 1 1\nWIDTH %d\nHEIGHT 1\nVIEWPOINT 0 0 0 1 0 0 0\nPOINTS %d\nDATA %s\n",
+               count, count, ascii ? "ascii" : "binary");
+  if (ascii) {
+    for (int i = 0; i < count; ++i) {
+      std::fprintf(file.get(), "%f %f %f\n", points[3 * i], points[3 * i + 1], points[3 * i + 2]);
+    }
+  } else {
+    // Binary PCD is the points as they lie in memory: x86-64 floats are little-endian.
+    std::fwrite(points, sizeof(float) * 3, static_cast<std::size_t>(count), file.get());
   }
   finish(file, path);
 }

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <system_error>
 #include <vector>
@@ -13,6 +14,11 @@
 #include "ToolError.h"
 
 namespace LumoTool {
+
+void writeDepthTiff(const std::string& path, const cv::Mat& depth) {
+  CV_Assert(depth.type() == CV_32FC1);
+  if (!cv::imwrite(path, depth)) throw ToolError("cannot write '" + path + "'");
+}
 
 void writeDepthPng(const std::string& path, const cv::Mat& metres) {
   CV_Assert(metres.type() == CV_32FC1);
@@ -29,25 +35,21 @@ void writeDepthPng(const std::string& path, const cv::Mat& metres) {
   if (!cv::imwrite(path, mm)) throw ToolError("cannot write '" + path + "'");
 }
 
-cv::Mat readDepthPng(const std::string& path) {
-  const cv::Mat mm = cv::imread(path, cv::IMREAD_UNCHANGED);
-  if (mm.empty()) throw cannotRead(path, "not an image OpenCV can decode");
-  if (mm.type() != CV_16UC1) throw cannotRead(path, "not a 16-bit single-channel depth image");
-  cv::Mat metres;
-  mm.convertTo(metres, CV_32FC1, 0.001);
-  return metres;
-}
-
 namespace {
+
+cv::Mat readImage(const std::string& path, int type, const char* kind) {
+  const cv::Mat image = cv::imread(path, cv::IMREAD_UNCHANGED);
+  if (image.empty()) throw cannotRead(path, "not an image OpenCV can decode");
+  if (image.type() != type) throw cannotRead(path, std::string("not a ") + kind + " single-channel depth image");
+  return image;
+}
 
 std::uint32_t littleEndian(const unsigned char* b) {
   return static_cast<std::uint32_t>(b[0]) | static_cast<std::uint32_t>(b[1]) << 8 |
          static_cast<std::uint32_t>(b[2]) << 16 | static_cast<std::uint32_t>(b[3]) << 24;
 }
 
-}  // namespace
-
-cv::Mat readDepthFile(const std::string& path) {
+cv::Mat readLdep(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw cannotRead(path, std::system_category().message(errno ? errno : ENOENT));
   unsigned char header[12];
@@ -69,6 +71,19 @@ cv::Mat readDepthFile(const std::string& path) {
     std::memcpy(&out[i], &bits, 4);
   }
   return depth;
+}
+
+}  // namespace
+
+cv::Mat readDepth(const std::string& path) {
+  const std::string extension = std::filesystem::path(path).extension().string();
+  if (extension == ".ldep") return readLdep(path);
+  if (extension == ".png") {
+    cv::Mat metres;
+    readImage(path, CV_16UC1, "16-bit").convertTo(metres, CV_32FC1, 0.001);
+    return metres;
+  }
+  return readImage(path, CV_32FC1, "32-bit float");
 }
 
 }  // namespace LumoTool

@@ -27,8 +27,10 @@ namespace {
 const char* const kHelp =
     "usage: lumetra-depth eval RESULTS GROUND_TRUTH [options]\n"
     "\n"
-    "Compares RESULTS/depth_N.png (16-bit millimetres, as 'run' writes them) with\n"
-    "GROUND_TRUTH/depth_N.ldep (float metres, as 'synth' writes them) and prints:\n"
+    "Compares RESULTS/depth_N.tiff (float, as 'run' writes it; depth_N.png in\n"
+    "millimetres where there is no TIFF) with GROUND_TRUTH/depth_N.tiff (float\n"
+    "metres, as 'synth' writes it; the .ldep files of older samples are read too)\n"
+    "and prints:\n"
     "  median relative error  median of |depth - truth| / truth over the pixels\n"
     "                         where both have depth\n"
     "  within 1 %, 2 %, 5 %   share of those pixels with a relative error up to that\n"
@@ -42,7 +44,7 @@ const char* const kHelp =
     "options:\n"
     "  --band N             width of the left band, pixels (default: the matcher's\n"
     "                       search range for the ground truth's width)\n"
-    "  --truth NAME         ground truth GROUND_TRUTH/NAME_N.ldep (default depth);\n"
+    "  --truth NAME         ground truth GROUND_TRUTH/NAME_N.tiff (default depth);\n"
     "                       colour_depth for depth aligned into the colour camera\n"
     "                       (with --band 0: that view has no band)\n"
     "  --heatmap PATH       where to write the heat map\n"
@@ -123,14 +125,23 @@ int depthNumber(const fs::path& path, const std::string& prefix, const std::stri
   return std::stoi(digits);
 }
 
-std::map<int, std::string> depthFiles(const std::string& dir, const std::string& prefix, const std::string& extension) {
+// The depth file of each frame number in `dir`, in the first of `extensions` that the frame has.
+std::map<int, std::string> depthFiles(const std::string& dir, const std::string& prefix,
+                                      const std::vector<std::string>& extensions) {
   std::error_code error;
   if (!fs::exists(dir, error)) throw cannotRead(dir, "No such file or directory");
   if (!fs::is_directory(dir, error)) throw cannotRead(dir, "not a directory");
+  const auto rank = [&](const fs::path& path) {
+    return std::find(extensions.begin(), extensions.end(), path.extension().string()) - extensions.begin();
+  };
   std::map<int, std::string> files;
   for (fs::directory_iterator it(dir, error), end; !error && it != end; it.increment(error)) {
-    const int n = depthNumber(it->path(), prefix, extension);
-    if (n >= 0) files[n] = it->path().string();
+    for (const std::string& extension : extensions) {
+      const int n = depthNumber(it->path(), prefix, extension);
+      if (n < 0) continue;
+      const auto known = files.find(n);
+      if (known == files.end() || rank(it->path()) < rank(known->second)) files[n] = it->path().string();
+    }
   }
   if (error) throw cannotRead(dir, error.message());
   return files;
@@ -151,14 +162,14 @@ int evalCommand(const Args& args) {
       options.text("heatmap", (fs::path(resultsDir) / "error_heatmap.png").string());
 
   const std::string truthPrefix = options.text("truth", "depth") + "_";
-  const std::map<int, std::string> truths = depthFiles(truthDir, truthPrefix, ".ldep");
-  const std::map<int, std::string> results = depthFiles(resultsDir, "depth_", ".png");
-  if (truths.empty()) throw cannotRead(truthDir, "no ground truth (" + truthPrefix + "000000.ldep, ...)");
+  const std::map<int, std::string> truths = depthFiles(truthDir, truthPrefix, {".tiff", ".ldep"});
+  const std::map<int, std::string> results = depthFiles(resultsDir, "depth_", {".tiff", ".png"});
+  if (truths.empty()) throw cannotRead(truthDir, "no ground truth (" + truthPrefix + "000000.tiff, ...)");
   std::vector<int> numbers;
   for (const auto& entry : results) {
     if (truths.count(entry.first) != 0) numbers.push_back(entry.first);
   }
-  if (numbers.empty()) throw cannotRead(resultsDir, "no depth_N.png for the ground truth in '" + truthDir + "'");
+  if (numbers.empty()) throw cannotRead(resultsDir, "no depth_N.tiff for the ground truth in '" + truthDir + "'");
 
   const int middle = numbers[numbers.size() / 2];
   Tally pooled;
@@ -169,8 +180,8 @@ int evalCommand(const Args& args) {
     std::printf("%-8s %9s %9s %9s %9s %9s\n", "frame", "median", "<=1%", "<=2%", "<=5%", "density");
   }
   for (int n : numbers) {
-    const cv::Mat truth = readDepthFile(truths.at(n));
-    cv::Mat result = readDepthPng(results.at(n));
+    const cv::Mat truth = readDepth(truths.at(n));
+    cv::Mat result = readDepth(results.at(n));
     if (band < 0) {
       truthSize = truth.size();
       resultSize = result.size();

@@ -132,7 +132,8 @@ FrameSource::FrameSource(const std::string& input) : input_(input) {
     const int n = numberIn(frames[i]);
     numbers_.push_back(n >= 0 ? n : static_cast<int>(i));
   }
-  for (const fs::path& path : imagesIn(input, {})) {
+  // colour_depth_N.tiff beside them is the colour camera's ground truth, not a frame.
+  for (const fs::path& path : imagesIn(input, {"colour_depth_"})) {
     if (startsWith(path.filename().string(), "colour_") && numberIn(path) >= 0) {
       colours_[numberIn(path)] = path.string();
     }

@@ -3,6 +3,7 @@
 // clouds and aligned colour; then a summary of speed and coverage.
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <map>
@@ -37,10 +38,11 @@ const char* const kHelp =
     "usage: lumetra-depth run CONFIG INPUT --out DIR [options]\n"
     "\n"
     "Feeds every frame of INPUT to a handle made from CONFIG and writes, per frame N:\n"
-    "  depth_N.png            depth, 16-bit, millimetres (calibration in metres), 0 = none\n"
+    "  depth_N.tiff           depth, 32-bit float, the calibration's unit, 0 = none\n"
+    "  depth_N.png            the same, 16-bit, millimetres (calibration in metres)\n"
     "  depth_colour_N.png     depth in colour, near red to far blue, with its range\n"
     "  rectified_N.png        the rectified pair side by side with horizontal guide lines\n"
-    "  cloud_N.pcd, .ply      the library's point cloud (see --cloud-every)\n"
+    "  cloud_N.pcd, .ply      the library's point cloud, binary (see --cloud-every)\n"
     "  aligned_colour_N.png   with alignment on (align_cam_id != -1): the colour image\n"
     "  aligned_overlay_N.png  registered with depth, and depth over it\n"
     "\n"
@@ -53,12 +55,14 @@ const char* const kHelp =
     "\n"
     "Frame N gets the time stamp N * 1000000 + 1. Each feed waits for its depth\n"
     "(in asynchronous mode the program polls for it), so latency is the time from\n"
-    "feeding a frame to holding its depth.\n"
+    "feeding a frame to holding its depth. The summary ends with the disk space\n"
+    "the files written took.\n"
     "\n"
     "options:\n"
     "  --out DIR          output folder (created)\n"
     "  --limit N          at most N frames\n"
-    "  --cloud-every N    write the point cloud of every Nth frame (default 1; 0: none)\n"
+    "  --cloud-every N    write the point cloud of every Nth frame (default 30; 0: none)\n"
+    "  --ascii-pcd        PCD clouds as text, as the library's debug dump writes them\n"
     "  --range NEAR,FAR   depth range of the colour pictures in metres (default: from\n"
     "                     the first frame with depth, kept for the whole sequence)\n";
 
@@ -105,6 +109,23 @@ std::string numbered(const std::string& dir, const char* prefix, int number, con
 void writeImage(const std::string& path, const cv::Mat& image) {
   if (!cv::imwrite(path, image)) throw ToolError("cannot write '" + path + "'");
 }
+
+// Bytes of the files a run wrote, by kind, for the summary.
+struct DiskUse {
+  enum Kind { Depth, Pictures, Clouds };
+  std::uintmax_t bytes[3] = {0, 0, 0};
+  int files = 0;
+  void add(Kind kind, const std::string& path) {
+    std::error_code error;
+    const std::uintmax_t size = std::filesystem::file_size(path, error);
+    if (error) return;
+    bytes[kind] += size;
+    ++files;
+  }
+  std::uintmax_t total() const { return bytes[Depth] + bytes[Pictures] + bytes[Clouds]; }
+};
+
+double megabytes(std::uintmax_t bytes) { return static_cast<double>(bytes) / 1e6; }
 
 DepthRange parseRange(const std::string& text) {
   DepthRange range;
@@ -158,7 +179,7 @@ struct LibraryMessages {
 }  // namespace
 
 int runCommand(const Args& args) {
-  const Options options(args, {"out", "limit", "cloud-every", "range"}, {});
+  const Options options(args, {"out", "limit", "cloud-every", "range"}, {"ascii-pcd"});
   if (options.help()) {
     std::fputs(kHelp, stdout);
     return 0;
@@ -168,7 +189,8 @@ int runCommand(const Args& args) {
   const std::string configPath = options.positional()[0], input = options.positional()[1];
   const std::string outDir = options.text("out");
   const int limit = options.integer("limit", 0, 0, 1 << 30);
-  const int cloudEvery = options.integer("cloud-every", 1, 0, 1 << 30);
+  const int cloudEvery = options.integer("cloud-every", 30, 0, 1 << 30);
+  const PcdData pcdData = options.has("ascii-pcd") ? PcdData::Ascii : PcdData::Binary;
   DepthRange range = options.has("range") ? parseRange(options.text("range")) : DepthRange{};
 
   // Everything that would end this process inside the library, or give no depth, is refused first.
@@ -195,6 +217,11 @@ int runCommand(const Args& args) {
   std::vector<double> latencies;
   double coverageSum = 0.0;
   int done = 0, dropped = 0, clouds = 0, missingColour = 0;
+  DiskUse disk;
+  const auto write = [&](DiskUse::Kind kind, const std::string& path, const cv::Mat& image) {
+    writeImage(path, image);
+    disk.add(kind, path);
+  };
   LibraryMessages messages;
   bool resizedColour = false;
   const auto started = std::chrono::steady_clock::now();
@@ -262,8 +289,13 @@ int runCommand(const Args& args) {
     const cv::Mat metres(static_cast<int>(depth.height), static_cast<int>(depth.width), CV_32FC1, depth.data);
     coverageSum += static_cast<double>(cv::countNonZero(metres > 0.0f)) / static_cast<double>(metres.total());
     if (!range.valid()) range = depthRangeOf(metres);
-    writeDepthPng(numbered(outDir, "depth_", frame.number, ".png"), metres);
-    writeImage(numbered(outDir, "depth_colour_", frame.number, ".png"), colouriseDepth(metres, range));
+    const std::string tiff = numbered(outDir, "depth_", frame.number, ".tiff");
+    const std::string png = numbered(outDir, "depth_", frame.number, ".png");
+    writeDepthTiff(tiff, metres);
+    writeDepthPng(png, metres);
+    disk.add(DiskUse::Depth, tiff);
+    disk.add(DiskUse::Depth, png);
+    write(DiskUse::Pictures, numbered(outDir, "depth_colour_", frame.number, ".png"), colouriseDepth(metres, range));
 
     LumoImage rectified{};
     rectified.data = buffers.rectified.data();
@@ -272,17 +304,18 @@ int runCommand(const Args& args) {
       cv::cvtColor(cv::Mat(static_cast<int>(rectified.height), static_cast<int>(rectified.width), CV_8UC3,
                            rectified.data),
                    bgr, cv::COLOR_RGB2BGR);
-      writeImage(numbered(outDir, "rectified_", frame.number, ".png"),
-                 sideBySideWithGuides(bgr, std::max(16, bgr.rows / 12)));
+      write(DiskUse::Pictures, numbered(outDir, "rectified_", frame.number, ".png"),
+            sideBySideWithGuides(bgr, std::max(16, bgr.rows / 12)));
     }
 
     if (s.aligned() && aligned.width > 0) {
       const int type = aligned.channels == 1 ? CV_8UC1 : CV_8UC3;
       cv::Mat picture(static_cast<int>(aligned.height), static_cast<int>(aligned.width), type, aligned.data);
       if (aligned.channels == 3) cv::cvtColor(picture, picture, cv::COLOR_RGB2BGR);
-      writeImage(numbered(outDir, "aligned_colour_", frame.number, ".png"), picture);
+      write(DiskUse::Pictures, numbered(outDir, "aligned_colour_", frame.number, ".png"), picture);
       if (picture.size() == metres.size()) {
-        writeImage(numbered(outDir, "aligned_overlay_", frame.number, ".png"), overlayDepth(picture, metres, range));
+        write(DiskUse::Pictures, numbered(outDir, "aligned_overlay_", frame.number, ".png"),
+              overlayDepth(picture, metres, range));
       }
     }
 
@@ -290,8 +323,12 @@ int runCommand(const Args& args) {
       LumoMap map{};
       map.points = buffers.cloud.data();
       if (KORV_LUMO_D_GetPointcloud(handle.get(), &map, buffers.cloudCapacity) == 0 && map.timestamp == timestamp) {
-        writePcd(numbered(outDir, "cloud_", frame.number, ".pcd"), map.points, map.num);
-        writePly(numbered(outDir, "cloud_", frame.number, ".ply"), map.points, map.num);
+        const std::string pcd = numbered(outDir, "cloud_", frame.number, ".pcd");
+        const std::string ply = numbered(outDir, "cloud_", frame.number, ".ply");
+        writePcd(pcd, map.points, map.num, pcdData);
+        writePly(ply, map.points, map.num);
+        disk.add(DiskUse::Clouds, pcd);
+        disk.add(DiskUse::Clouds, ply);
         ++clouds;
       }
     }
@@ -320,6 +357,9 @@ int runCommand(const Args& args) {
   std::printf("  pixels with depth  %.1f %% (mean over frames)\n", 100.0 * coverageSum / done);
   std::printf("  depth pictures     %.2f m (red) to %.2f m (blue)\n", range.nearest, range.farthest);
   std::printf("  point clouds       %d written (pointcloud_type %d)\n", clouds, s.pointcloudType);
+  std::printf("  disk space         %.1f MB in %d files: depth %.1f MB, pictures %.1f MB, point clouds %.1f MB\n",
+              megabytes(disk.total()), disk.files, megabytes(disk.bytes[DiskUse::Depth]),
+              megabytes(disk.bytes[DiskUse::Pictures]), megabytes(disk.bytes[DiskUse::Clouds]));
   if (messages.count > 0) {
     std::printf("  library messages   %d, the first: %s\n", messages.count, messages.first.c_str());
   }

@@ -5,9 +5,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <cmath>
-#include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -85,16 +83,6 @@ std::string indexedName(const std::string& dir, const char* prefix, int index, c
 
 void writeImage(const std::string& path, const cv::Mat& image) {
   if (!cv::imwrite(path, image)) throw std::runtime_error("cannot write image: " + path);
-}
-
-void putU32(std::ostream& out, std::uint32_t v) {
-  const char bytes[4] = {static_cast<char>(v & 0xff), static_cast<char>((v >> 8) & 0xff),
-                         static_cast<char>((v >> 16) & 0xff), static_cast<char>((v >> 24) & 0xff)};
-  out.write(bytes, 4);
-}
-
-std::uint32_t getU32(const unsigned char* b) {
-  return std::uint32_t(b[0]) | (std::uint32_t(b[1]) << 8) | (std::uint32_t(b[2]) << 16) | (std::uint32_t(b[3]) << 24);
 }
 
 std::string number(double v) {
@@ -409,37 +397,12 @@ void writeCalibrationYaml(const std::string& path, const Rig& rig) {
 
 void writeDepth(const std::string& path, const cv::Mat& depth) {
   if (depth.type() != CV_32FC1) throw std::invalid_argument("writeDepth needs CV_32FC1");
-  std::ofstream out(path, std::ios::binary);
-  out.write("LDEP", 4);
-  putU32(out, static_cast<std::uint32_t>(depth.cols));
-  putU32(out, static_cast<std::uint32_t>(depth.rows));
-  for (int v = 0; v < depth.rows; ++v) {
-    const float* row = depth.ptr<float>(v);
-    for (int u = 0; u < depth.cols; ++u) {
-      std::uint32_t bits;
-      std::memcpy(&bits, &row[u], 4);
-      putU32(out, bits);
-    }
-  }
-  if (!out) throw std::runtime_error("cannot write depth: " + path);
+  if (!cv::imwrite(path, depth)) throw std::runtime_error("cannot write depth: " + path);
 }
 
 cv::Mat readDepth(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  unsigned char header[12];
-  if (!in.read(reinterpret_cast<char*>(header), 12) || std::memcmp(header, "LDEP", 4) != 0)
-    throw std::runtime_error("not a depth file: " + path);
-  const std::uint32_t width = getU32(header + 4), height = getU32(header + 8);
-  if (width > 1u << 16 || height > 1u << 16) throw std::runtime_error("implausible depth size: " + path);
-  std::vector<unsigned char> data(static_cast<std::size_t>(width) * height * 4);
-  if (!in.read(reinterpret_cast<char*>(data.data()), static_cast<std::streamsize>(data.size())))
-    throw std::runtime_error("truncated depth file: " + path);
-  cv::Mat depth(static_cast<int>(height), static_cast<int>(width), CV_32FC1);
-  auto* out = depth.ptr<float>();
-  for (std::size_t i = 0; i < depth.total(); ++i) {
-    const std::uint32_t bits = getU32(&data[4 * i]);
-    std::memcpy(&out[i], &bits, 4);
-  }
+  cv::Mat depth = cv::imread(path, cv::IMREAD_UNCHANGED);
+  if (depth.empty() || depth.type() != CV_32FC1) throw std::runtime_error("not a float depth image: " + path);
   return depth;
 }
 
@@ -456,10 +419,10 @@ void writeSequence(const std::string& dir, const Rig& rig, const Scene& scene, i
   for (int k = 0; k < frames; ++k) {
     const cv::Mat stacked = renderStereo(renderer, scene, k);
     writeImage(indexedName(dir, "frame_", k, ".png"), options.colourFrames ? stacked : toGrey(stacked));
-    writeDepth(indexedName(dir, "depth_", k, ".ldep"), rectifiedDepth(rect, scene, k));
+    writeDepth(indexedName(dir, "depth_", k, ".tiff"), rectifiedDepth(rect, scene, k));
     if (colour) {
       writeImage(indexedName(dir, "colour_", k, ".png"), renderView(renderer, scene, k, 2));
-      writeDepth(indexedName(dir, "colour_depth_", k, ".ldep"), cameraDepth(rig, scene, k, 2));
+      writeDepth(indexedName(dir, "colour_depth_", k, ".tiff"), cameraDepth(rig, scene, k, 2));
     }
     const Eigen::Matrix4d T = leftPose(scene, k).matrix();
     poses << k;

@@ -120,10 +120,9 @@ cv::Mat cameraDepth(const Rig& rig, const Scene& scene, int frame, int camera);
 std::string calibrationYaml(const Rig& rig);
 void writeCalibrationYaml(const std::string& path, const Rig& rig);  // throws std::runtime_error
 
-// Float depth file: 12-byte header of the ASCII magic "LDEP" then width and
-// height as little-endian uint32, followed by width·height little-endian
-// IEEE float32 values, row by row, metres, 0 = no depth. CV_32FC1 only.
-void writeDepth(const std::string& path, const cv::Mat& depth);  // throws std::runtime_error
+// Depth as a single-channel 32-bit float TIFF (`path` ends in .tiff), metres,
+// 0 = no depth: OpenCV, numpy-based readers and image viewers open it.
+void writeDepth(const std::string& path, const cv::Mat& depth);  // CV_32FC1; throws std::runtime_error
 cv::Mat readDepth(const std::string& path);                      // throws std::runtime_error
 
 struct SequenceOptions {
@@ -135,9 +134,9 @@ struct SequenceOptions {
 // Writes into `dir` (created if needed):
 //   calib.yaml                   the rig's calibration
 //   frame_000000.png, ...        stacked stereo frames (grey, or BGR with colourFrames)
-//   depth_000000.ldep, ...       rectifiedDepth at `scale` (format of writeDepth)
+//   depth_000000.tiff, ...       rectifiedDepth at `scale` (format of writeDepth)
 //   colour_000000.png, ...       camera 2's view (rig with a colour camera)
-//   colour_depth_000000.ldep,... cameraDepth of camera 2
+//   colour_depth_000000.tiff,... cameraDepth of camera 2
 //   poses.txt                    per frame: index, then T_world_left's top 3×4 rows, row-major
 // Throws std::runtime_error when a file cannot be written.
 void writeSequence(const std::string& dir, const Rig& rig, const Scene& scene, int frames, double scale,
