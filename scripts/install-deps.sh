@@ -9,7 +9,7 @@ packages=(
   libeigen3-dev
   libgtest-dev libgmock-dev
   libbenchmark-dev
-  pybind11-dev python3-dev python3-numpy python3-pytest
+  pybind11-dev python3-dev python3-numpy python3-pytest python3-opencv
   dpkg-dev file   # make package and its test: dpkg-shlibdeps, and file to find the shared objects
 )
 

@@ -46,7 +46,7 @@ def main():
             cam.feed_stereo(frame, timestamp(index))  # the configuration's async_mode 0: waits for the depth
             r = cam.depth()
             coverage, median, within = compare(r.depth, ground_truth(os.path.join(args.sequence,
-                                                                                   f"depth_{index:06d}.ldep")))
+                                                                                   f"depth_{index:06d}.tiff")))
             results.append((coverage, median, within))
             print(f"frame {index}: {100 * coverage:5.1f} % of pixels with depth, median error "
                   f"{100 * median:.2f} %, {100 * within:5.1f} % within 2 %")
