@@ -7,13 +7,13 @@
 #include <chrono>
 #include <cmath>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <opencv2/imgproc.hpp>
 
 #include "lumetra_depth.h"
 #include "support/CaptureOutput.h"
+#include "support/FeedAndWait.h"
 #include "support/HostConfig.h"
 #include "support/ShiftedPair.h"
 #include "support/TempDir.h"
@@ -80,16 +80,10 @@ class Host {
     LumoImage record = LumoTest::wrapStacked(image, t);
     return KORV_LUMO_D_FeedStereoImage(handle_, &record);
   }
-  // The same, but a build slower than those 2 s (a sanitizer on a loaded
-  // machine) is waited for up to two minutes.
   int feedStereoAndWait(uint64_t t) {
-    if (feedStereo(t) == 0) return 0;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(2);
-    while (std::chrono::steady_clock::now() < deadline) {
-      if (get() == 0 && depth.timestamp == t) return 0;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return 1;
+    cv::Mat image = rendered().stereo;
+    LumoImage record = LumoTest::wrapStacked(image, t);
+    return LumoTest::feedAndWait(handle_, &record);
   }
   int get() {
     depth.data = depthPixels_.data();

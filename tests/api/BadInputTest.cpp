@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "lumetra_depth.h"
+#include "support/FeedAndWait.h"
 #include "support/CaptureOutput.h"
 #include "support/HostConfig.h"
 #include "support/ShiftedPair.h"
@@ -95,7 +96,7 @@ TEST(BadInput, AListForANumberAndAnUnusableChannelCount) {
   EXPECT_NE(printed.find("preprocessLoop(): stereo depth: unrecognized image channel 2\n"), std::string::npos)
       << printed;
   EXPECT_EQ(KORV_LUMO_D_GetDepthImage(handle, &depth.record, nullptr, nullptr), 1);
-  ASSERT_EQ(KORV_LUMO_D_FeedStereoImage(handle, &good), 0);
+  ASSERT_EQ(LumoTest::feedAndWait(handle, &good), 0);
   ASSERT_EQ(KORV_LUMO_D_GetDepthImage(handle, &depth.record, nullptr, nullptr), 0);
   EXPECT_EQ(depth.record.timestamp, 8u);
   KORV_LUMO_D_DestroyHandle(handle);

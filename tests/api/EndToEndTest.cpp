@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "lumetra_depth.h"
+#include "support/FeedAndWait.h"
 #include "support/CaptureOutput.h"
 #include "support/HostConfig.h"
 #include "support/ShiftedPair.h"
@@ -73,7 +74,7 @@ TEST(EndToEnd, DepthOfTheRenderedSceneMatchesGroundTruth) {
   frame.tag1 = 22;
   frame.format = 7;
   const std::string printed =  // synchronous: returns with the depth
-      LumoTest::captureStdout([&] { EXPECT_EQ(KORV_LUMO_D_FeedStereoImage(host.handle(), &frame), 0); });
+      LumoTest::captureStdout([&] { EXPECT_EQ(LumoTest::feedAndWait(host.handle(), &frame), 0); });
   DepthBuffer depth, disparity;
   std::vector<uint8_t> bytes(63, 0xA5);
   const LumoImage sentinel{0xDEADBEEF, 5, 0x1234567890ull, 7, 3, 3, 9, 0, 21, 63, bytes.data()};
@@ -148,7 +149,7 @@ TEST(EndToEnd, AsynchronousColourFramesEachGetTheirDepth) {
   for (uint64_t t = 1; t <= 7; ++t) {
     LumoImage frame = wrapStacked(rendered().stacked, t * 100);
     frame.tag0 = static_cast<uint32_t>(t);
-    ASSERT_EQ(KORV_LUMO_D_FeedStereoImage(host.handle(), &frame), 0);
+    ASSERT_EQ(LumoTest::feedAndWait(host.handle(), &frame), 0);
     if (t > 4) continue;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while ((KORV_LUMO_D_GetDepthImage(host.handle(), &depth.record, nullptr, nullptr) != 0 ||
@@ -170,7 +171,7 @@ TEST(EndToEnd, ScaledInputIsRestoredOnlyWhenAsked) {
   for (int restore : {0, 1}) {
     Host host(config.set("restore_depth_dim", std::to_string(restore)), 1280);
     LumoImage frame = wrapStacked(rendered(1280).grey, 77);
-    ASSERT_EQ(KORV_LUMO_D_FeedStereoImage(host.handle(), &frame), 0);
+    ASSERT_EQ(LumoTest::feedAndWait(host.handle(), &frame), 0);
     DepthBuffer depth(1280 * 800), disparity(1280 * 800);
     ASSERT_EQ(KORV_LUMO_D_GetDepthImage(host.handle(), &depth.record, &disparity.record, nullptr), 0);
     const uint32_t width = restore ? 1280 : 640;

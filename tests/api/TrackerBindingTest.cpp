@@ -7,6 +7,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "lumetra_depth.h"
+#include "support/FeedAndWait.h"
 #include "support/CaptureOutput.h"
 #include "support/HostConfig.h"
 #include "support/TempDir.h"
@@ -74,7 +75,7 @@ TEST(TrackerBinding, CalibrationFromTheTrackerDrivesDepth) {
   cv::cvtColor(LumoSynth::renderStereo(LumoSynth::makeRenderer(rig, 1), LumoSynth::defaultScene(), 0), grey,
                cv::COLOR_BGR2GRAY);
   LumoImage frame{0, 0, 5, 640, 800, 1, 0, 0, 0, 0, grey.data};
-  ASSERT_EQ(KORV_LUMO_D_FeedStereoImage(handle, &frame), 0);
+  ASSERT_EQ(LumoTest::feedAndWait(handle, &frame), 0);
   std::vector<float> depth(640 * 400);
   LumoDepthImage record{};
   record.data = depth.data();

@@ -11,6 +11,7 @@
 #include "filters/KesTemporalFilter.h"
 #include "filters/VorSpatialFilter.h"
 #include "lumetra_depth.h"
+#include "support/FeedAndWait.h"
 #include "support/CaptureOutput.h"
 #include "support/HostConfig.h"
 #include "support/TempDir.h"
@@ -46,7 +47,7 @@ TEST(FilterPipeline, FilteredDepthIsTheFiltersAppliedToTheRawDepth) {
     LumoImage frame{0, 0, 100u + frameIndex, width, 2 * height, 1, 0, 0, 0, 0, grey.data};
     for (int k = 0; k < 2; ++k) {
       records[k].data = depth[k].data();
-      ASSERT_EQ(KORV_LUMO_D_FeedStereoImage(handles[k], &frame), 0);
+      ASSERT_EQ(LumoTest::feedAndWait(handles[k], &frame), 0);
       ASSERT_EQ(KORV_LUMO_D_GetDepthImage(handles[k], &records[k], nullptr, nullptr), 0);
       ASSERT_EQ(records[k].timestamp, frame.timestamp);
     }

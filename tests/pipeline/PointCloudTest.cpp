@@ -23,6 +23,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "pipeline/TwoMillionVoxelHash.h"
+#include "support/FeedAndWait.h"
 #include "support/CalibrationFixtures.h"
 #include "support/ShiftedPair.h"
 #include "synth/SyntheticStereo.h"
@@ -422,7 +423,7 @@ TEST(PointCloudScene, BackWallLiesOnItsPlaneInTheWorldFrame) {
     ASSERT_EQ(::KORV_LUMO_D_FeedPose(handle, &pose), 0);
   }
   LumoImage frame = LumoTest::wrapStacked(grey, stamp);
-  ASSERT_EQ(::KORV_LUMO_D_FeedStereoImage(handle, &frame), 0);  // synchronous: the cloud is there on return
+  ASSERT_EQ(LumoTest::feedAndWait(handle, &frame), 0);  // synchronous: the cloud is there on return
   std::vector<Point> world(640 * 400);
   LumoMap map{};
   map.points = world[0].data();
@@ -474,7 +475,7 @@ TEST(PointCloudScene, BackWallLiesOnItsPlaneInTheWorldFrame) {
 
   // A later frame with no pose near it (the only one is exactly at the limit) has no world cloud.
   frame.timestamp = stamp + 1000000000;
-  ASSERT_EQ(::KORV_LUMO_D_FeedStereoImage(handle, &frame), 0);
+  ASSERT_EQ(LumoTest::feedAndWait(handle, &frame), 0);
   const std::string printed = LumoTest::captureStdout([&] { status = ::KORV_LUMO_D_GetPointcloud(handle, &map, 100); });
   EXPECT_EQ(status, 1);
   EXPECT_TRUE(isErrorLine(printed, "getPointcloud", "point cloud data is empty")) << printed;
