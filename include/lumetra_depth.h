@@ -46,7 +46,7 @@ typedef struct LumoImage {
   uint64_t timestamp; /* host's capture time, host's units; matches depth with colour and poses */
   uint32_t width;     /* columns */
   uint32_t height;    /* rows (twice the per-camera height for a stacked stereo frame) */
-  uint32_t channels;  /* 1 = grey, 3 = three interleaved 8-bit channels; other values are refused */
+  uint32_t channels;  /* 1 = grey, 3 = three interleaved 8-bit channels (see each function for their order) */
   uint16_t format;    /* host's pixel-format tag, carried through; rectified output sets 0 */
   uint16_t reserved;  /* padding */
   uint32_t stride;    /* bytes per row; recomputed as channels * width for frames taken in */
@@ -154,44 +154,76 @@ typedef struct LumoCalibrationParam {
 
 /* ---- Exported functions ------------------------------------------------- */
 /* `handle` is the opaque value stored by KORV_LUMO_D_CreateHandleWithConfig.
- * A null handle gives 1 from every function, without a message. */
+ * A null handle gives 1 from every function, without a message.
+ *
+ * Sizes. "Input size" is input_stereo_width x input_stereo_height of the
+ * configuration; "working size" is that times stereo_img_scaling (truncated),
+ * the size the views are rectified and matched at. Output buffers must hold:
+ *  - depth: width x height floats of the input size when restore_depth_dim is
+ *    on, else of the working size; with alignment into another camera
+ *    (align_direction true) that camera's size instead;
+ *  - disparity: working size, floats;
+ *  - aligned image: the depth's width x height, times the colour frames' channels;
+ *  - rectified image: working width x (2 x working height) x 3 bytes;
+ *  - point clouds: 3 floats per point, maxPoints points.
+ *
+ * Threads. Feeds, getters and GetCoordinates may be called from any threads,
+ * at the same time. Create and Destroy must not overlap any other call on the
+ * same handle, and BindNavra must come before the first feed (it replaces the
+ * rectification maps in place). */
 
 /* Creates a handle and configures it from the YAML file at configPath (relative
  * paths inside it are taken against its directory). Stores the handle in
- * *handle first and returns 0 even when the file is missing or faulty (the
- * error is logged); the host must destroy the handle in every case. A missing
- * required key ends the process. */
+ * *handle first and returns 0 even when the file is missing, faulty or refused
+ * (one error line says why; the handle then refuses frames); the host must
+ * destroy the handle in every case. Returns 1 when memory for the pipeline's
+ * buffers (about 1.2 GB of address space, touched only as used) is missing.
+ * A missing required key ends the process, as do a calibration whose
+ * horizontal and vertical scales differ and an unknown lens model of the
+ * depth camera. A null configPath throws std::logic_error, also through the C
+ * interface (a C host then terminates): always pass a path. */
 LUMO_API int KORV_LUMO_D_CreateHandleWithConfig(void** handle, const char* configPath);
 
 /* Stops the pipeline's threads and frees everything. */
 LUMO_API int KORV_LUMO_D_DestroyHandle(void* handle);
 
-/* Feeds one stacked stereo frame: width = configured per-camera width, height =
- * twice the configured per-camera height, channels 1 or 3. In synchronous mode
- * (async_mode 0) waits up to about 2 s for the frame's depth. */
+/* Feeds one stacked stereo frame: width = input_stereo_width, height = twice
+ * input_stereo_height, the left camera's view in the top half. channels 1
+ * (grey) or 3 (red, green, blue: the grey the matcher uses weighs them so);
+ * a non-zero time stamp, which the frame's results carry. In synchronous mode
+ * (async_mode 0) waits up to about 2 s for the frame's depth and returns 1
+ * without it. */
 LUMO_API int KORV_LUMO_D_FeedStereoImage(void* handle, LumoImage* frame);
 
-/* Feeds one frame of the auxiliary colour camera (alignment). */
+/* Feeds one frame of the auxiliary colour camera (align_cam_id 2), paired with
+ * depth by time stamp (within 500000000 units). Any size up to 65535 a side,
+ * resized to input_aux_cam_width x input_aux_cam_height; channels 1 or 3, in
+ * any order: the aligned image hands them back as fed. */
 LUMO_API int KORV_LUMO_D_FeedRGBImage(void* handle, LumoImage* frame);
 
-/* Feeds one tracker pose (point clouds of type 2). */
+/* Feeds one pose of the left camera in the world (pointcloud_type 2): cloud
+ * points of the left camera's frame p go to R(orientation) p + position. The
+ * pose nearest in time, within 50000000 units, is taken for each cloud. */
 LUMO_API int KORV_LUMO_D_FeedPose(void* handle, LumoPose* pose);
 
 /* Copies the latest depth (and, when not null, disparity and the aligned colour
- * image) into caller buffers. Returns 1 until the first depth exists. */
+ * image) into caller buffers (sizes above). Returns 1 until the first depth exists. */
 LUMO_API int KORV_LUMO_D_GetDepthImage(void* handle, LumoDepthImage* depth,
                                        LumoDepthImage* disparity, LumoImage* aligned);
 
-/* Copies the latest rectified stacked pair (3 channels, RGB order). */
+/* Copies the latest rectified stacked pair (3 channels, red, green, blue). */
 LUMO_API int KORV_LUMO_D_GetRectifiedImage(void* handle, LumoImage* out);
 
 /* Writes the rectification rotations and projections into *info. */
 LUMO_API int KORV_LUMO_D_GetRectifyInfo(void* handle, LumoRectifyInfo* info);
 
-/* Copies at most maxPoints points of the latest cloud into map->points. */
+/* Copies at most maxPoints points of the latest cloud into map->points. The
+ * frame of the points: pointcloud_type 0 the rectified left camera, 1 the
+ * left camera, 2 the world (see KORV_LUMO_D_FeedPose). */
 LUMO_API int KORV_LUMO_D_GetPointcloud(void* handle, LumoMap* map, int maxPoints);
 
-/* Replaces the calibration by the one of a running Navra tracker handle. */
+/* Replaces the calibration by the one of a running Navra tracker handle
+ * (before the first feed). */
 LUMO_API int KORV_LUMO_D_BindNavra(void* handle, void* navraHandle);
 
 #ifdef __cplusplus
@@ -223,8 +255,12 @@ LUMO_API int KORV_LUMO_D_GetPointcloud(void* handle, LumoMap* map, int maxPoints
 LUMO_API int KORV_LUMO_D_BindNavra(void* handle, void* navraHandle);
 
 /* 3-D coordinates of `count` pixels (pixels holds u, v pairs) of a depth image,
- * written as x, y, z triples into out (3 * count floats). C++ only: there is
- * deliberately no unmangled twin. */
+ * written as x, y, z triples into out (3 * count floats); (0, 0, 0) where a
+ * pixel is outside the image or has no depth. With restore_depth_dim on, the
+ * pixels are positions in `depth` as GetDepthImage hands it out (input size);
+ * with it off, positions in the input image, scaled to the working-size depth.
+ * Each pixel's ray is the left camera's, through its lens model. C++ only:
+ * there is deliberately no unmangled twin. */
 LUMO_API int KORV_LUMO_D_GetCoordinates(void* handle, const int* pixels, int count,
                                         const LumoDepthImage* depth, float* out);
 
