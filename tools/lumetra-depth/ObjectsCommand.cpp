@@ -210,7 +210,7 @@ std::string formatted(const char* format, double value) {
   return text;
 }
 
-// A box with its class and distance written above it (below when there is no room).
+// A box with its class and distance written above it (inside its top when there is no room).
 void drawBox(cv::Mat& picture, const BoxRow& row, const LumoObject& object) {
   const bool located = object.status == LUMO_OBJECT_LOCATED;
   const cv::Scalar colour = located ? cv::Scalar(255, 255, 255) : cv::Scalar(0, 165, 255);
@@ -223,7 +223,8 @@ void drawBox(cv::Mat& picture, const BoxRow& row, const LumoObject& object) {
   const double scale = std::clamp(picture.cols / 1400.0, 0.4, 0.8);
   int baseline = 0;
   const cv::Size size = cv::getTextSize(text, font, scale, 1, &baseline);
-  const int top = box.y - size.height - baseline - 4 >= 0 ? box.y - size.height - baseline - 4 : box.y + box.height;
+  const int above = box.y - size.height - baseline - 4;
+  const int top = above >= 0 ? above : std::max(box.y, 0) + 2;
   const cv::Rect strip(box.x, top, size.width + 6, size.height + baseline + 4);
   cv::rectangle(picture, strip, cv::Scalar(30, 30, 30), cv::FILLED);
   cv::putText(picture, text, cv::Point(box.x + 3, top + size.height + 2), font, scale, colour, 1, cv::LINE_AA);
