@@ -21,9 +21,10 @@ cv::Range centralPixels(float from, float to, int size) {
 
 }  // namespace
 
-PixelRay pinholeRay(double fx, double fy, double cx, double cy) {
+PixelRay pinholeRay(float fx, float fy, float cx, float cy) {
   return [=](float u, float v) {
-    return cv::Point2f(static_cast<float>((u - cx) / fx), static_cast<float>((v - cy) / fy));
+    return cv::Point2f(static_cast<float>((static_cast<double>(u) - cx) / fx),
+                       static_cast<float>((static_cast<double>(v) - cy) / fy));
   };
 }
 

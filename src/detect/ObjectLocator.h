@@ -36,7 +36,9 @@ struct LocateSettings {
 using PixelRay = std::function<cv::Point2f(float u, float v)>;
 
 // The rays of a pinhole camera (a rectified view): ((u - cx) / fx, (v - cy) / fy).
-PixelRay pinholeRay(double fx, double fy, double cx, double cy);
+// Single precision, as the projections the library hands out, and small enough
+// to be held by the function object without an allocation.
+PixelRay pinholeRay(float fx, float fy, float cx, float cy);
 
 class ObjectLocator {
  public:
