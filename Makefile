@@ -56,7 +56,8 @@ package: build
 
 # The demo: render a sample sequence once (moving camera, pinhole rig, with
 # ground truth), compute its depth with the command-line program, and check
-# the accuracy against the ground truth.
+# the accuracy against the ground truth; then place the scene's boxes and
+# sphere in 3-D from their ground-truth boxes and print the distance errors.
 TOOL = $(BUILD_DIR)/tools/lumetra-depth/lumetra-depth
 SAMPLE ?= sample
 DEMO_OUT ?= demo-out
@@ -64,9 +65,11 @@ DEMO_OUT ?= demo-out
 demo: configure
 	cmake --build $(BUILD_DIR) --target lumetra-depth -j$(JOBS)
 	@test -f $(SAMPLE)/config.yaml || $(TOOL) synth --out $(SAMPLE) --frames 24 --width 640 --height 400 --moving
+	@test -f $(SAMPLE)/boxes.csv || $(TOOL) synth --out $(SAMPLE) --frames 24 --width 640 --height 400 --moving
 	rm -rf $(DEMO_OUT)
 	$(TOOL) run $(SAMPLE)/config.yaml $(SAMPLE) --out $(DEMO_OUT) --cloud-every 8
 	$(TOOL) eval $(DEMO_OUT) $(SAMPLE) --require-median 2
+	$(TOOL) objects $(SAMPLE)/config.yaml $(DEMO_OUT) $(SAMPLE)/boxes.csv
 	@echo "Pictures in $(DEMO_OUT)/: depth_colour_*.png (depth with its range), rectified_*.png"
 	@echo "(rectified pair with guide lines), error_heatmap.png. Depth: depth_*.tiff (32-bit float,"
 	@echo "metres, 0 = none) and depth_*.png (16-bit millimetres); point clouds: cloud_*.pcd and"

@@ -267,6 +267,136 @@ LUMO_API int KORV_LUMO_D_GetCoordinates(void* handle, const int* pixels, int cou
 }  // namespace KorvLumetra
 #endif /* __cplusplus */
 
+/* ---- Detection helpers -------------------------------------------------- */
+/* For hosts that run an object detector on the rectified left view: class
+ * names, the detector's input image, its boxes, and where each object is in
+ * 3-D. Boxes are in pixel units where pixel (u, v) covers [u, u+1) x [v, v+1),
+ * so (0, 0, width, height) is the whole image (the convention of common
+ * detectors). Refusals log one error line naming the function and return 1;
+ * none of these functions keeps a pointer it is given. */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* One box of a detector. 24 bytes. */
+typedef struct LumoDetection {
+  int32_t class_id; /* index of the class among the detector's class scores (and in its label list) */
+  float score;      /* best class score, times the objectness in layouts that have one */
+  float x0, y0;     /* top-left corner, pixels */
+  float x1, y1;     /* bottom-right corner, pixels */
+} LumoDetection;
+
+/* How an image was fitted into a detector's input by KORV_LUMO_D_Letterbox. 28 bytes. */
+typedef struct LumoLetterbox {
+  float scale;            /* detector pixels per image pixel */
+  int32_t pad_left;       /* columns of padding left of the resized image */
+  int32_t pad_top;        /* rows of padding above it */
+  uint32_t source_width;  /* the image's size, pixels */
+  uint32_t source_height;
+  uint32_t target_width;  /* the detector input's size, pixels */
+  uint32_t target_height;
+} LumoLetterbox;
+
+/* Layout flags of a detector's output (LumoDecodeParams.layout). */
+#define LUMO_DETECT_OBJECTNESS 0x1u /* boxes are (cx, cy, w, h, objectness, class scores...); else (cx, cy, w, h, class scores...) */
+#define LUMO_DETECT_TRANSPOSED 0x2u /* one box per column (values x boxes) instead of one per row */
+
+/* How to read a detector's output. 16 bytes. */
+typedef struct LumoDecodeParams {
+  uint32_t layout;        /* LUMO_DETECT_* flags; centre and size in detector pixels */
+  int32_t class_count;    /* class scores per box, at least 1 */
+  float score_threshold;  /* boxes scoring below (or 0) are dropped; scores 0..1 (0.25 is common) */
+  float iou_threshold;    /* a box overlapping a better one of its class by a larger IoU is dropped; 0..1 (0.45 is common) */
+} LumoDecodeParams;
+
+/* LumoObject.status values. */
+#define LUMO_OBJECT_LOCATED 0  /* distance, centre and extent are set */
+#define LUMO_OBJECT_NO_DEPTH 1 /* under a quarter of the box's central part has depth: no position is made up */
+#define LUMO_OBJECT_OUTSIDE 2  /* the box does not overlap the depth image, or has no area or non-finite corners */
+
+/* Where the object of one box is. 32 bytes. All but status and valid_share are 0 unless located. */
+typedef struct LumoObject {
+  int32_t status;     /* LUMO_OBJECT_* */
+  float distance;     /* median depth of the box's central part (half its width and height), depth unit */
+  float valid_share;  /* share of that central part's pixels with depth, 0..1 */
+  float centre[3];    /* x, y, z of the box centre at that distance, rectified left camera frame (z = distance) */
+  float width;        /* the box's extent at that distance, depth unit */
+  float height;
+} LumoObject;
+
+/* Reads a label list: one class name per line, UTF-8, trailing blanks and CR
+ * removed, blank lines and lines starting with '#' skipped. Writes the names
+ * into names (caller-owned, capacity bytes) in file order, each ended by a
+ * NUL, and their number into *count. The file's size plus 1 byte always
+ * suffices. Refused: a missing, unreadable or non-regular file, a directory,
+ * more than 1 MB, text that is not UTF-8 or holds a NUL byte, no name at all,
+ * a buffer too small; *count is then 0. */
+LUMO_API int KORV_LUMO_D_ReadLabels(const char* path, char* names, int capacity, int* count);
+
+/* Fits `in` (8-bit, channels 1 or 3, rows packed) into a detector input of
+ * out->width x out->height: resized bilinearly to the largest size that keeps
+ * its aspect ratio, centred, the rest set to padValue (0..255; 114 is
+ * common). out->data is caller-owned and out->size its capacity in bytes, at
+ * least out->width * out->height * in->channels. Sets out's channels, stride
+ * and size and copies in's tags, time stamp and format. *info receives the
+ * mapping that KORV_LUMO_D_UnletterboxBoxes and KORV_LUMO_D_DecodeDetections
+ * undo. */
+LUMO_API int KORV_LUMO_D_Letterbox(const LumoImage* in, LumoImage* out, int padValue, LumoLetterbox* info);
+
+/* Maps `count` boxes from detector pixels onto the letterboxed image, in
+ * place, clipped to it; a box with nothing on the image becomes all zeros. */
+LUMO_API int KORV_LUMO_D_UnletterboxBoxes(const LumoLetterbox* info, LumoDetection* boxes, int count);
+
+/* Decodes a detector's raw output: `rows` x `columns` floats, row-major (a
+ * batch of one), one box per row, or per column with LUMO_DETECT_TRANSPOSED.
+ * Each box takes its best class; boxes scoring at least score_threshold go
+ * through non-maximum suppression per class (OpenCV's), and at most
+ * `capacity` of them are written to out (caller-owned), best first, their
+ * number to *count. With `letterbox` (may be NULL: boxes stay in detector
+ * pixels) boxes are mapped back onto the image and clipped; those left with
+ * no area are dropped. Refused: a box width other than 4 (+1 with
+ * objectness) + class_count values, a score that is not a number, a
+ * non-finite box scoring above the threshold, thresholds outside 0..1. */
+LUMO_API int KORV_LUMO_D_DecodeDetections(const float* output, int rows, int columns, const LumoDecodeParams* params,
+                                          const LumoLetterbox* letterbox, LumoDetection* out, int capacity,
+                                          int* count);
+
+/* Places the objects of `count` boxes in 3-D: for each, the median depth of
+ * the box's central part (the box clipped to the image, then half its width
+ * and height around its centre), and the box centre and corners taken
+ * through the handle's rectified projection (P1 of KORV_LUMO_D_GetRectifyInfo)
+ * at that depth. `depth` is a depth image of this handle as
+ * KORV_LUMO_D_GetDepthImage hands it out, the boxes in its pixels (those of
+ * the rectified left view). out: caller-owned, `count` records. Refused: a
+ * depth record that is not one channel of at least 1 x 1, a handle without
+ * calibration. */
+LUMO_API int KORV_LUMO_D_LocateObjects(void* handle, const LumoDepthImage* depth, const LumoDetection* boxes,
+                                       int count, LumoObject* out);
+
+#ifdef __cplusplus
+} /* extern "C" */
+
+namespace KorvLumetra {
+
+using ::LumoDetection;
+using ::LumoLetterbox;
+using ::LumoDecodeParams;
+using ::LumoObject;
+
+/* The namespaced twins of the detection helpers, same behaviour. */
+LUMO_API int KORV_LUMO_D_ReadLabels(const char* path, char* names, int capacity, int* count);
+LUMO_API int KORV_LUMO_D_Letterbox(const LumoImage* in, LumoImage* out, int padValue, LumoLetterbox* info);
+LUMO_API int KORV_LUMO_D_UnletterboxBoxes(const LumoLetterbox* info, LumoDetection* boxes, int count);
+LUMO_API int KORV_LUMO_D_DecodeDetections(const float* output, int rows, int columns, const LumoDecodeParams* params,
+                                          const LumoLetterbox* letterbox, LumoDetection* out, int capacity,
+                                          int* count);
+LUMO_API int KORV_LUMO_D_LocateObjects(void* handle, const LumoDepthImage* depth, const LumoDetection* boxes,
+                                       int count, LumoObject* out);
+
+}  // namespace KorvLumetra
+#endif /* __cplusplus */
+
 /* ---- Layout checks ------------------------------------------------------ */
 #ifdef __cplusplus
 #define LUMO_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
@@ -342,5 +472,28 @@ LUMO_STATIC_ASSERT(offsetof(LumoCalibrationParam, accel_random_walk) == 592, "Lu
 LUMO_STATIC_ASSERT(offsetof(LumoCalibrationParam, gyro_noise_density) == 600, "LumoCalibrationParam.gyro_noise_density");
 LUMO_STATIC_ASSERT(offsetof(LumoCalibrationParam, gyro_random_walk) == 608, "LumoCalibrationParam.gyro_random_walk");
 LUMO_STATIC_ASSERT(offsetof(LumoCalibrationParam, imu_update_rate) == 616, "LumoCalibrationParam.imu_update_rate");
+
+LUMO_STATIC_ASSERT(sizeof(LumoDetection) == 24, "LumoDetection size");
+LUMO_STATIC_ASSERT(offsetof(LumoDetection, score) == 4, "LumoDetection.score");
+LUMO_STATIC_ASSERT(offsetof(LumoDetection, x0) == 8, "LumoDetection.x0");
+LUMO_STATIC_ASSERT(offsetof(LumoDetection, y1) == 20, "LumoDetection.y1");
+
+LUMO_STATIC_ASSERT(sizeof(LumoLetterbox) == 28, "LumoLetterbox size");
+LUMO_STATIC_ASSERT(offsetof(LumoLetterbox, pad_left) == 4, "LumoLetterbox.pad_left");
+LUMO_STATIC_ASSERT(offsetof(LumoLetterbox, pad_top) == 8, "LumoLetterbox.pad_top");
+LUMO_STATIC_ASSERT(offsetof(LumoLetterbox, source_width) == 12, "LumoLetterbox.source_width");
+LUMO_STATIC_ASSERT(offsetof(LumoLetterbox, target_height) == 24, "LumoLetterbox.target_height");
+
+LUMO_STATIC_ASSERT(sizeof(LumoDecodeParams) == 16, "LumoDecodeParams size");
+LUMO_STATIC_ASSERT(offsetof(LumoDecodeParams, class_count) == 4, "LumoDecodeParams.class_count");
+LUMO_STATIC_ASSERT(offsetof(LumoDecodeParams, score_threshold) == 8, "LumoDecodeParams.score_threshold");
+LUMO_STATIC_ASSERT(offsetof(LumoDecodeParams, iou_threshold) == 12, "LumoDecodeParams.iou_threshold");
+
+LUMO_STATIC_ASSERT(sizeof(LumoObject) == 32, "LumoObject size");
+LUMO_STATIC_ASSERT(offsetof(LumoObject, distance) == 4, "LumoObject.distance");
+LUMO_STATIC_ASSERT(offsetof(LumoObject, valid_share) == 8, "LumoObject.valid_share");
+LUMO_STATIC_ASSERT(offsetof(LumoObject, centre) == 12, "LumoObject.centre");
+LUMO_STATIC_ASSERT(offsetof(LumoObject, width) == 24, "LumoObject.width");
+LUMO_STATIC_ASSERT(offsetof(LumoObject, height) == 28, "LumoObject.height");
 
 #endif /* LUMETRA_DEPTH_H */

@@ -61,11 +61,12 @@ TEST(PublicAbi, ExportsOnlyTheInterface) {
   ASSERT_EQ(pclose(pipe), 0);
   std::set<std::string> expected;
   for (const char* f : {"CreateHandleWithConfig", "DestroyHandle", "FeedStereoImage", "FeedRGBImage", "FeedPose",
-                        "GetDepthImage", "GetRectifiedImage", "GetRectifyInfo", "GetPointcloud", "BindNavra"}) {
+                        "GetDepthImage", "GetRectifiedImage", "GetRectifyInfo", "GetPointcloud", "BindNavra",
+                        "ReadLabels", "Letterbox", "UnletterboxBoxes", "DecodeDetections", "LocateObjects"}) {
     expected.insert(std::string("KORV_LUMO_D_") + f);
   }
   EXPECT_EQ(plain, expected);  // the coordinate query has no unmangled twin
-  EXPECT_EQ(twins.size(), 11u);
+  EXPECT_EQ(twins.size(), 16u);
   bool coordinates = false;
   for (const std::string& twin : twins) {
     EXPECT_NE(twin.find("KORV_LUMO_D_"), std::string::npos) << twin;

@@ -14,5 +14,6 @@ int synthCommand(const Args& args);
 int runCommand(const Args& args);
 int evalCommand(const Args& args);
 int infoCommand(const Args& args);
+int objectsCommand(const Args& args);
 
 }  // namespace LumoTool

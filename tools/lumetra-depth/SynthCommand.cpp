@@ -11,6 +11,7 @@
 #include "Commands.h"
 #include "Options.h"
 #include "ToolError.h"
+#include "synth/SyntheticBoxes.h"
 #include "synth/SyntheticStereo.h"
 
 namespace LumoTool {
@@ -27,6 +28,8 @@ const char* const kHelp =
     "                            the working size (32-bit float metres, 0 = none)\n"
     "  calib.yaml                the rig's calibration\n"
     "  config.yaml               a configuration for 'lumetra-depth run' (all keys)\n"
+    "  boxes.csv                 the boxes and the sphere as a detector would box them,\n"
+    "                            per frame, with true distances (for 'objects')\n"
     "  poses.txt                 the left camera's pose per frame\n"
     "  colour_000000.png, ...    with --colour: the colour camera's frames (and\n"
     "                            colour_depth_*.tiff), alignment switched on\n"
@@ -129,6 +132,7 @@ int synthCommand(const Args& args) {
   sequence.supersample = supersample;
   try {
     LumoSynth::writeSequence(out, rig, scene, frames, scale, sequence);
+    LumoSynth::writeObjectBoxes((std::filesystem::path(out) / "boxes.csv").string(), rig, scene, frames);
   } catch (const std::runtime_error& e) {
     throw ToolError(e.what());
   }
