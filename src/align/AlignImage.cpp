@@ -33,40 +33,10 @@ inline bool accepted(int x0, int y0, int x1, int y1, int otherWidth, int otherHe
   return x0 >= 0 && y0 >= 0 && x1 < otherWidth && y1 < otherHeight && x0 <= x1 && y0 <= y1;
 }
 
-// Rectangle of the other camera covered by depth pixel (u, v) at depth z: its
-// top-left and bottom-right corners taken through both cameras, one camera
-// call after the other. The plain path; the threaded one batches the same calls.
-inline bool footprintOf(const LumoCam& depthCam, const LumoCam& otherCam, const LumoExtrinsics& depthToOther,
-                        int u, int v, float z, int f[4]) {
-  for (int k = 0; k < 2; ++k) {
-    const float offset = k == 0 ? -0.5f : 0.5f;
-    const float pixel[2] = {static_cast<float>(u) + offset, static_cast<float>(v) + offset};
-    float inDepth[3], inOther[3], projected[2];
-    depthCam.deprojectPixel2Point(inDepth, pixel, z);
-    LumoCam::TransformPoint2Point(inOther, &depthToOther, inDepth);
-    otherCam.projectPoint2Pixel(projected, inOther);
-    f[2 * k] = roundPixel(projected[0]);
-    f[2 * k + 1] = roundPixel(projected[1]);
-  }
-  return accepted(f[0], f[1], f[2], f[3], static_cast<int>(otherCam.intrinsics.width),
-                  static_cast<int>(otherCam.intrinsics.height));
-}
-
 // The z-buffer rule: a cell holding 0 takes z, any other keeps the nearer of
 // the two. z is never 0 here, so after its first write a cell only ever takes
 // the minimum: the final value does not depend on the order of the writes.
 inline float nearer(float stored, float z) { return stored == 0.0f ? z : std::min(z, stored); }
-
-// Runs body over [0, rows) in stripes on OpenCV's threads, or in one piece on
-// this thread.
-template <typename Body>
-void forRows(bool parallel, int rows, const Body& body, double stripes = -1.0) {
-  if (parallel) {
-    cv::parallel_for_(cv::Range(0, rows), body, stripes);
-  } else {
-    body(cv::Range(0, rows));
-  }
-}
 
 }  // namespace
 
@@ -116,7 +86,7 @@ void AlignImage::generateFastAlignLUT() {
   const float depthHeight = static_cast<float>(depthCam.intrinsics.height);
   uint32_t* pixels = lookupPixels_.data();
   float* factors = lookupFactors_.data();
-  forRows(parallel_, otherHeight, [&](const cv::Range& rows) {
+  cv::parallel_for_(cv::Range(0, otherHeight), [&](const cv::Range& rows) {
     for (int y = rows.start; y < rows.end; ++y) {
       for (int x = 0; x < otherWidth; ++x) {
         const float pixel[2] = {static_cast<float>(x), static_cast<float>(y)};
@@ -151,7 +121,7 @@ void AlignImage::prepareCornerRays() {
   cornerRays_.resize(2 * static_cast<std::size_t>(cornersX) * cornersY);
   const LumoCam& depthCam = *depthCam_;
   float* rays = cornerRays_.data();
-  forRows(parallel_, cornersY, [&](const cv::Range& rows) {
+  cv::parallel_for_(cv::Range(0, cornersY), [&](const cv::Range& rows) {
     for (int v = rows.start; v < rows.end; ++v) {
       for (int u = 0; u < cornersX; ++u) {
         const float pixel[2] = {static_cast<float>(u) - 0.5f, static_cast<float>(v) - 0.5f};
@@ -167,8 +137,9 @@ void AlignImage::prepareCornerRays() {
 
 // Footprints of depth pixels [begin, end) of row v (at most kChunk) into
 // f[0 .. end - begin), x0 = -1 where there is no depth or the footprint is
-// rejected. The same camera calls as footprintOf, with the deprojection taken
-// from the corner rays, and the pixels with depth first gathered so that the
+// rejected. A footprint is the rectangle of the other camera between the
+// pixel's top-left and bottom-right corners, each deprojected at z (from the
+// corner rays), moved into the other camera and projected; the pixels with depth first gathered so that the
 // projections run back to back without a hard-to-predict branch between them.
 void AlignImage::chunkFootprints(int v, int begin, int end, const float* depthRow, Footprint* f) const {
   const int otherWidth = static_cast<int>(otherCam_->intrinsics.width);
@@ -283,7 +254,7 @@ int AlignImage::alignDepthToOther(LumoDepthImage& out, const LumoDepthImage& dep
     const std::size_t depthWidth = depthCam_->intrinsics.width;
     const uint32_t* pixels = lookupPixels_.data();
     const float* factors = lookupFactors_.data();
-    forRows(parallel_, otherHeight, [&](const cv::Range& rows) {
+    cv::parallel_for_(cv::Range(0, otherHeight), [&](const cv::Range& rows) {
       const std::size_t end = static_cast<std::size_t>(rows.end) * otherWidth;
       for (std::size_t i = static_cast<std::size_t>(rows.start) * otherWidth; i < end; ++i) {
         result[i] = in[pixels[2 * i + 1] * depthWidth + pixels[2 * i]] * factors[i];
@@ -292,27 +263,8 @@ int AlignImage::alignDepthToOther(LumoDepthImage& out, const LumoDepthImage& dep
     return 0;
   }
 
-  if (parallel_) {
-    if (zeroBytes > resultBytes) std::memset(out.data + resultBytes / 4, 0, zeroBytes - resultBytes);
-    zBufferThreaded(in, result, std::min(zeroBytes, resultBytes));
-    return 0;
-  }
-  if (zeroBytes > 0) std::memset(out.data, 0, zeroBytes);
-  const LumoCam& depthCam = *depthCam_;
-  const LumoCam& otherCam = *otherCam_;
-  const int depthWidth = static_cast<int>(depthCam.intrinsics.width);
-  const int depthHeight = static_cast<int>(depthCam.intrinsics.height);
-  for (int v = 0; v < depthHeight; ++v) {
-    for (int u = 0; u < depthWidth; ++u) {
-      const float z = in[static_cast<std::size_t>(v) * depthWidth + u];
-      int f[4];
-      if (z == 0.0f || !footprintOf(depthCam, otherCam, depthToOther_, u, v, z, f)) continue;
-      for (int y = f[1]; y <= f[3]; ++y) {
-        float* row = result + static_cast<std::size_t>(y) * otherWidth;
-        for (int x = f[0]; x <= f[2]; ++x) row[x] = nearer(row[x], z);
-      }
-    }
-  }
+  if (zeroBytes > resultBytes) std::memset(out.data + resultBytes / 4, 0, zeroBytes - resultBytes);
+  zBufferThreaded(in, result, std::min(zeroBytes, resultBytes));
   return 0;
 }
 
@@ -362,17 +314,6 @@ int AlignImage::alignOtherToDepth(LumoImage& out, const LumoDepthImage& depth, c
     }
   };
 
-  if (!parallel_) {
-    for (int v = 0; v < depthHeight; ++v) {
-      for (int u = 0; u < depthWidth; ++u) {
-        const std::size_t i = static_cast<std::size_t>(v) * depthWidth + u;
-        int f[4];
-        if (in[i] == 0.0f || !footprintOf(depthCam, otherCam, depthToOther_, u, v, in[i], f)) continue;
-        copyPixel(i, f[2], f[3]);
-      }
-    }
-    return 0;
-  }
   cv::parallel_for_(cv::Range(0, depthHeight), [&](const cv::Range& rows) {
     Footprint chunk[kChunk];
     for (int v = rows.start; v < rows.end; ++v) {

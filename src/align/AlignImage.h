@@ -45,8 +45,6 @@ class AlignImage {
   bool fastMode() const { return fastMode_; }
 
  private:
-  friend class AlignImagePeer;  // tests compare the threaded and the plain loops
-
   struct Footprint {
     int x0, y0, x1, y1;  // inclusive rectangle of the other camera; x0 = -1 when rejected
   };
@@ -61,7 +59,6 @@ class AlignImage {
   bool fastMode_ = false;
   std::vector<uint32_t> lookupPixels_;  // (depth column, depth row) per other-camera pixel
   std::vector<float> lookupFactors_;    // one per other-camera pixel
-  bool parallel_ = true;                // false: every loop runs on the calling thread, in order
 
   // Depth camera's unit-depth ray (x, y) through each pixel corner, the
   // (width + 1) x (height + 1) points (u - 0.5, v - 0.5): the deprojection at

@@ -10,17 +10,6 @@
 #include "align/AlignImage.h"
 #include "lumetra_depth.h"
 
-namespace KorvLumetra {
-
-// Reaches the plain single-threaded loops, which the tests compare the
-// threaded ones against and the benchmark times.
-class AlignImagePeer {
- public:
-  static void setThreaded(AlignImage& align, bool threaded) { align.parallel_ = threaded; }
-};
-
-}  // namespace KorvLumetra
-
 namespace LumoTest {
 
 inline LumoIntrinsics camera(uint32_t width, uint32_t height, float fx, float fy, float cx, float cy,
