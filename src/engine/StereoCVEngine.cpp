@@ -249,22 +249,33 @@ void StereoCVEngine::inferLoop() {
 }
 
 void StereoCVEngine::matchFrame(const LumoImage* frame) {
-  if (settings_.debug != 0) {
-    DebugDump(debugDir_).image("combined_img_", frame->timestamp,
-                               cv::Mat(static_cast<int>(frame->height), static_cast<int>(frame->width), CV_8UC3,
-                                       frame->data));
-  }
-
+  // Grey pairs (one channel) are matched as they are: the grey of three equal
+  // channels is that channel, before and after resizing.
+  const bool grey = frame->channels == 1;
   const int viewRows = static_cast<int>(frame->height / 2);
   const int viewCols = static_cast<int>(frame->width);
-  const cv::Mat left(viewRows, viewCols, CV_8UC3, frame->data);
-  const cv::Mat right(viewRows, viewCols, CV_8UC3, frame->data + frame->size / 2);
+  if (settings_.debug != 0) {
+    const cv::Mat pair(static_cast<int>(frame->height), viewCols, grey ? CV_8UC1 : CV_8UC3, frame->data);
+    cv::Mat dumped = pair;
+    if (grey) cv::cvtColor(pair, dumped, cv::COLOR_GRAY2BGR);
+    DebugDump(debugDir_).image("combined_img_", frame->timestamp, dumped);
+  }
+
+  const cv::Mat left(viewRows, viewCols, grey ? CV_8UC1 : CV_8UC3, frame->data);
+  const cv::Mat right(viewRows, viewCols, grey ? CV_8UC1 : CV_8UC3, frame->data + frame->size / 2);
   if (std::fabs(imageScale_ - 1.0f) > 1e-6) {
-    cv::Mat leftScaled, rightScaled;
-    cv::resize(left, leftScaled, cv::Size(), imageScale_, imageScale_, cv::INTER_LINEAR);
-    cv::resize(right, rightScaled, cv::Size(), imageScale_, imageScale_, cv::INTER_LINEAR);
-    cv::cvtColor(leftScaled, leftGray_, cv::COLOR_BGR2GRAY);
-    cv::cvtColor(rightScaled, rightGray_, cv::COLOR_BGR2GRAY);
+    if (grey) {
+      cv::resize(left, leftGray_, cv::Size(), imageScale_, imageScale_, cv::INTER_LINEAR);
+      cv::resize(right, rightGray_, cv::Size(), imageScale_, imageScale_, cv::INTER_LINEAR);
+    } else {
+      cv::resize(left, leftScaled_, cv::Size(), imageScale_, imageScale_, cv::INTER_LINEAR);
+      cv::resize(right, rightScaled_, cv::Size(), imageScale_, imageScale_, cv::INTER_LINEAR);
+      cv::cvtColor(leftScaled_, leftGray_, cv::COLOR_BGR2GRAY);
+      cv::cvtColor(rightScaled_, rightGray_, cv::COLOR_BGR2GRAY);
+    }
+  } else if (grey) {
+    left.copyTo(leftGray_);
+    right.copyTo(rightGray_);
   } else {
     cv::cvtColor(left, leftGray_, cv::COLOR_BGR2GRAY);
     cv::cvtColor(right, rightGray_, cv::COLOR_BGR2GRAY);

@@ -101,6 +101,7 @@ class StereoCVEngine : public StereoEngineBase {
   std::atomic<bool> initialized_{false};
   LumoDepthImage* disparityResult_ = nullptr;
   LumoDepthImage* depthResult_ = nullptr;
+  cv::Mat leftScaled_, rightScaled_;  // colour views at the working size, kept between frames
   cv::Mat leftGray_;
   cv::Mat rightGray_;
   cv::Mat rawDisparity_;

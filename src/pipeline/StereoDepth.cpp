@@ -236,7 +236,7 @@ void StereoDepth::preprocessLoop() {
   while (LumoImage* frame = takeFrame()) {
     // An exception must not end the host: the frame is dropped, the thread goes on.
     try {
-      if (!toThreeChannels(*frame)) continue;
+      if (!toEngineChannels(*frame)) continue;
       rectifyViews(*frame);
       handToEngine();
     } catch (const std::exception& e) {
@@ -260,34 +260,35 @@ LumoImage* StereoDepth::takeFrame() {
   return workingStereo_;
 }
 
-// Both views of the working frame as three-channel images, in the unrectified
-// views record (this thread's own); false for a channel count it cannot take.
-bool StereoDepth::toThreeChannels(const LumoImage& frame) {
-  const int rows = static_cast<int>(frame.height / 2);
-  const int cols = static_cast<int>(frame.width);
-  const std::size_t halfBytes = static_cast<std::size_t>(cols) * rows * 3;
-  cv::Mat top(rows, cols, CV_8UC3, unrectifiedViews_->data);
-  cv::Mat bottom(rows, cols, CV_8UC3, unrectifiedViews_->data + halfBytes);
-  if (frame.channels == 1) {
-    const std::size_t greyHalf = static_cast<std::size_t>(cols) * rows;
-    cv::cvtColor(cv::Mat(rows, cols, CV_8UC1, frame.data), top, cv::COLOR_GRAY2BGR);
-    cv::cvtColor(cv::Mat(rows, cols, CV_8UC1, frame.data + greyHalf), bottom, cv::COLOR_GRAY2BGR);
-    return true;
-  }
+// Colour views swapped to the channel order the engine takes, in the
+// unrectified views record (this thread's own). Grey views stay grey and are
+// remapped from the frame itself: three equal channels remap to three equal
+// channels that convert back to the same grey, so one channel does the work of
+// three with the same result. False for a channel count it cannot take.
+bool StereoDepth::toEngineChannels(const LumoImage& frame) {
+  if (frame.channels == 1) return true;
   if (frame.channels == 3) {
-    cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, frame.data), top, cv::COLOR_BGR2RGB);
-    cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, frame.data + halfBytes), bottom, cv::COLOR_BGR2RGB);
+    const int rows = static_cast<int>(frame.height / 2);
+    const int cols = static_cast<int>(frame.width);
+    const std::size_t halfBytes = static_cast<std::size_t>(cols) * rows * 3;
+    cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, frame.data), cv::Mat(rows, cols, CV_8UC3, unrectifiedViews_->data),
+                 cv::COLOR_BGR2RGB);
+    cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, frame.data + halfBytes),
+                 cv::Mat(rows, cols, CV_8UC3, unrectifiedViews_->data + halfBytes), cv::COLOR_BGR2RGB);
     return true;
   }
   logErrorf("preprocessLoop", "stereo depth: unrecognized image channel %d\n", static_cast<int>(frame.channels));
   return false;
 }
 
-// With the rectify mutex: both views remapped into the rectified record.
+// With the rectify mutex: both views remapped into the rectified record, which
+// keeps the views' channel count (1 or 3); hosts always get three channels.
 void StereoDepth::rectifyViews(const LumoImage& frame) {
   const int rows = static_cast<int>(frame.height / 2);
   const int cols = static_cast<int>(frame.width);
-  const std::size_t halfBytes = static_cast<std::size_t>(cols) * rows * 3;
+  const uint32_t channels = frame.channels == 1 ? 1 : 3;
+  const std::size_t halfBytes = static_cast<std::size_t>(cols) * rows * channels;
+  const uint8_t* views = channels == 1 ? frame.data : unrectifiedViews_->data;
   std::lock_guard<std::mutex> lock(rectifyMutex_);
   rectified_->tag0 = frame.tag0;
   rectified_->tag1 = frame.tag1;
@@ -296,15 +297,15 @@ void StereoDepth::rectifyViews(const LumoImage& frame) {
   rectified_->height = frame.height;
   rectified_->format = frame.format;
   rectified_->stride = frame.stride;
-  rectified_->channels = 3;
-  rectified_->size = frame.width * frame.height * 3;
+  rectified_->channels = channels;
+  rectified_->size = frame.width * frame.height * channels;
   const std::vector<cv::Mat>& map1 = calibration_.map1();
   const std::vector<cv::Mat>& map2 = calibration_.map2();
   for (int view = 0; view < 2; ++view) {
     const std::size_t offset = view * halfBytes;
-    cv::remap(cv::Mat(rows, cols, CV_8UC3, unrectifiedViews_->data + offset),
-              cv::Mat(rows, cols, CV_8UC3, rectified_->data + offset), map1[view], map2[view], cv::INTER_LINEAR,
-              cv::BORDER_CONSTANT, cv::Scalar());
+    cv::remap(cv::Mat(rows, cols, CV_8UC(channels), const_cast<uint8_t*>(views) + offset),
+              cv::Mat(rows, cols, CV_8UC(channels), rectified_->data + offset), map1[view], map2[view],
+              cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
   }
 }
 
@@ -549,14 +550,18 @@ int StereoDepth::getRectifyImage(LumoImage* out) {
   out->timestamp = rectified_->timestamp;
   out->width = rectified_->width;
   out->height = rectified_->height;
-  out->channels = rectified_->channels;
+  out->channels = 3;
   out->format = rectified_->format;
   out->stride = rectified_->stride;
-  out->size = rectified_->size;
+  out->size = rectified_->width * rectified_->height * 3;
   const int rows = static_cast<int>(rectified_->height);
   const int cols = static_cast<int>(rectified_->width);
   cv::Mat destination(rows, cols, CV_8UC3, out->data);
-  cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, rectified_->data), destination, cv::COLOR_BGR2RGB);
+  if (rectified_->channels == 1) {
+    cv::cvtColor(cv::Mat(rows, cols, CV_8UC1, rectified_->data), destination, cv::COLOR_GRAY2BGR);
+  } else {
+    cv::cvtColor(cv::Mat(rows, cols, CV_8UC3, rectified_->data), destination, cv::COLOR_BGR2RGB);
+  }
   out->format = 0;
   return 0;
 }

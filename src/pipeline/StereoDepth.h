@@ -110,7 +110,7 @@ class StereoDepth {
   // The preprocessing thread's stages.
   void preprocessLoop();
   LumoImage* takeFrame();
-  bool toThreeChannels(const LumoImage& frame);
+  bool toEngineChannels(const LumoImage& frame);
   void rectifyViews(const LumoImage& frame);
   void handToEngine();
   // The result thread's stages.
@@ -188,7 +188,7 @@ class StereoDepth {
   StereoCalibration calibration_;
   std::mutex rectifyMutex_;
   LumoImage* rectified_ = nullptr;
-  LumoImage* unrectifiedViews_ = nullptr;  // both views in three channels, before rectification
+  LumoImage* unrectifiedViews_ = nullptr;  // colour views in the engine's channel order, before rectification
 
   // Engines.
   std::mutex engineMutex_;

@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include <opencv2/imgproc.hpp>
+
 #include "lumetra_depth.h"
 #include "support/FeedAndWait.h"
 #include "support/CaptureOutput.h"
@@ -161,6 +163,38 @@ TEST(EndToEnd, AsynchronousColourFramesEachGetTheirDepth) {
     EXPECT_EQ(depth.record.tag0, t);
   }
   EXPECT_GT(std::count_if(depth.data.begin(), depth.data.end(), [](float d) { return d > 0.0f; }), 640 * 400 / 2);
+}
+
+// A grey frame takes a one-channel path through rectification and matching;
+// the same frame as three equal channels takes the three-channel path. Every
+// output must be the same bit for bit, at full size, at an exact half (OpenCV
+// averages 2 x 2 blocks there) and at an odd scale.
+TEST(EndToEnd, GreyFramesGiveExactlyTheOutputsOfTheirThreeChannelForm) {
+  cv::Mat colour;
+  cv::cvtColor(rendered().grey, colour, cv::COLOR_GRAY2BGR);
+  for (const char* scale : {"1.0", "0.5", "0.539063"}) {
+    SCOPED_TRACE(scale);
+    std::vector<std::vector<float>> outputs;
+    std::vector<std::vector<uint8_t>> pictures;
+    for (cv::Mat pixels : {rendered().grey, colour}) {
+      Host host(HostConfig().set("stereo_img_scaling", scale).set("enable_filter", "true"));
+      LumoImage frame = wrapStacked(pixels, 99);
+      ASSERT_EQ(LumoTest::feedAndWait(host.handle(), &frame), 0);
+      DepthBuffer depth, disparity;
+      ASSERT_EQ(KORV_LUMO_D_GetDepthImage(host.handle(), &depth.record, &disparity.record, nullptr), 0);
+      outputs.push_back(depth.data);
+      outputs.push_back(disparity.data);
+      std::vector<uint8_t> rectified(640 * 800 * 3);
+      LumoImage record{};
+      record.data = rectified.data();
+      ASSERT_EQ(KORV_LUMO_D_GetRectifiedImage(host.handle(), &record), 0);
+      EXPECT_EQ(record.channels, 3u);
+      pictures.push_back(rectified);
+    }
+    EXPECT_EQ(std::memcmp(outputs[0].data(), outputs[2].data(), outputs[0].size() * 4), 0) << "depth";
+    EXPECT_EQ(std::memcmp(outputs[1].data(), outputs[3].data(), outputs[1].size() * 4), 0) << "disparity";
+    EXPECT_EQ(pictures[0], pictures[1]) << "rectified";
+  }
 }
 
 TEST(EndToEnd, ScaledInputIsRestoredOnlyWhenAsked) {
