@@ -214,25 +214,20 @@ py::list decodeDetections(const py::object& output, const py::object& scoreThres
       names.append(name);
     }
   }
-  py::ssize_t classes;
+  py::ssize_t classes = width - first;
   if (!classCount.is_none()) {
     classes = static_cast<py::ssize_t>(integer(classCount, "class_count", 1, INT_MAX - 5));
-  } else if (!labels.is_none()) {
-    classes = static_cast<py::ssize_t>(names.size());
-  } else {
-    classes = width - first;
-    if (classes < 1) {
-      throw py::value_error("output: expected at least " + std::to_string(first + 1) + " values per box (" + kind +
-                            "class scores)" + layout);
+    if (width != first + classes) {
+      throw py::value_error("output: expected " + std::to_string(first + classes) + " values per box (" + kind +
+                            std::to_string(classes) + " class scores)" + layout);
     }
+  } else if (classes < 1) {
+    throw py::value_error("output: expected at least " + std::to_string(first + 1) + " values per box (" + kind +
+                          "class scores)" + layout);
   }
   if (!labels.is_none() && static_cast<py::ssize_t>(names.size()) != classes) {
     throw py::value_error("labels: expected " + std::to_string(classes) + " names, one per class, got " +
                           std::to_string(names.size()));
-  }
-  if (width != first + classes) {
-    throw py::value_error("output: expected " + std::to_string(first + classes) + " values per box (" + kind +
-                          std::to_string(classes) + " class scores)" + layout);
   }
   LumoDecodeParams params{};
   params.layout = (objectness ? LUMO_DETECT_OBJECTNESS : 0u) | (transposed ? LUMO_DETECT_TRANSPOSED : 0u);

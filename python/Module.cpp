@@ -187,7 +187,7 @@ output: C-contiguous float32 (rows, columns), or (1, rows, columns) for a batch
 of one; one box per row (per column with transposed=True) of (cx, cy, w, h,
 class scores...), or (cx, cy, w, h, objectness, class scores...) with
 objectness=True, centre and size in detector pixels. class_count: class
-scores per box; by default len(labels) or what the box width leaves.
+scores per box, checked against the output; by default what it leaves.
 Each box takes its best class (score times objectness where there is one);
 boxes scoring at least score_threshold (0..1) go through non-maximum
 suppression per class (OpenCV's) with iou_threshold (0..1); at most max_boxes
