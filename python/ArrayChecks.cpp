@@ -101,6 +101,46 @@ py::array_t<double, py::array::c_style> vector(const py::handle& object, const c
   return array;
 }
 
+py::array_t<float> detectorOutput(const py::handle& object, const char* name) {
+  py::array array = ndarray(object, name, "float32");
+  requireDtype(array, py::dtype::of<float>(), name);
+  if (array.ndim() == 3 && array.shape(0) == 1) array = array.attr("reshape")(array.shape(1), array.shape(2));
+  if (array.ndim() != 2 || array.shape(0) < 1 || array.shape(1) < 1) {
+    throw py::value_error(std::string(name) + ": expected shape (rows, columns) or (1, rows, columns), got " +
+                          shapeText(array));
+  }
+  requireContiguous(array, name);
+  return py::reinterpret_borrow<py::array_t<float>>(array);
+}
+
+py::array_t<float, py::array::c_style> boxArray(const py::handle& object, const char* name) {
+  const py::module_ numpy = py::module_::import("numpy");
+  py::array array = numpy.attr("asarray")(object);
+  const std::string kind(1, array.dtype().kind());
+  if (kind != "f" && kind != "i" && kind != "u") {
+    throw py::type_error(std::string(name) + ": expected numbers x0, y0, x1, y1, got dtype " + text(array.dtype()));
+  }
+  if (array.ndim() == 1 && array.shape(0) == 0) array = array.attr("reshape")(0, 4);  // [] : no boxes
+  if (array.ndim() != 2 || array.shape(1) != 4) {
+    throw py::value_error(std::string(name) + ": expected shape (N, 4) of x0, y0, x1, y1, got " + shapeText(array));
+  }
+  return numpy.attr("ascontiguousarray")(array, "dtype"_a = numpy.attr("float32"));
+}
+
+double number(const py::handle& object, const char* name, double lowest, double highest) {
+  // numbers.Real takes numpy's scalars too.
+  const py::object real = py::module_::import("numbers").attr("Real");
+  if (PyBool_Check(object.ptr()) || !py::isinstance(object, real)) {
+    throw py::type_error(std::string(name) + ": expected a number, got " + typeName(object));
+  }
+  const double value = py::float_(py::reinterpret_borrow<py::object>(object));
+  if (!(value >= lowest && value <= highest)) {
+    throw py::value_error(std::string(name) + ": expected " + text(py::float_(lowest)) + " .. " +
+                          text(py::float_(highest)) + ", got " + text(object));
+  }
+  return value;
+}
+
 uint64_t integer(const py::handle& object, const char* name, uint64_t lowest, uint64_t highest) {
   if (PyBool_Check(object.ptr()) || !PyIndex_Check(object.ptr())) {
     throw py::type_error(std::string(name) + ": expected an int, got " + typeName(object));

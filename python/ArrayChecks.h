@@ -25,6 +25,17 @@ pybind11::array_t<int32_t, pybind11::array::c_style> pixelPairs(const pybind11::
 pybind11::array_t<double, pybind11::array::c_style> vector(const pybind11::handle& object, const char* name,
                                                            int count);
 
+// A detector's raw output: C-contiguous float32 (rows, columns), or
+// (1, rows, columns) for a batch of one, returned as (rows, columns).
+pybind11::array_t<float> detectorOutput(const pybind11::handle& object, const char* name);
+
+// Boxes x0, y0, x1, y1: an array-like of real numbers of shape (N, 4) (or an
+// empty sequence), as a float32 copy.
+pybind11::array_t<float, pybind11::array::c_style> boxArray(const pybind11::handle& object, const char* name);
+
+// A real number (not a bool) within [lowest, highest].
+double number(const pybind11::handle& object, const char* name, double lowest, double highest);
+
 // A Python int within [lowest, highest].
 uint64_t integer(const pybind11::handle& object, const char* name, uint64_t lowest, uint64_t highest);
 

@@ -2,12 +2,14 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <cstdio>
 #include <vector>
 
 #include "ArrayChecks.h"
+#include "Detection.h"
 #include "Errors.h"
 #include "StdoutCapture.h"
 #include "lumetra_depth.h"
@@ -50,11 +52,6 @@ void checkHeader(const char* what, uint32_t width, uint32_t height, uint32_t cha
 bool fileExists(const std::string& path) {
   struct stat info {};
   return stat(path.c_str(), &info) == 0;
-}
-
-void flushPythonStdout() {
-  const py::object out = py::module_::import("sys").attr("stdout");
-  if (!out.is_none()) out.attr("flush")();
 }
 
 }  // namespace
@@ -346,6 +343,38 @@ py::array DepthCamera::coordinates(const py::object& pixels, const py::object& d
                                                     out.mutable_data());
   }
   if (status != 0) throw Error("KORV_LUMO_D_GetCoordinates failed");
+  return out;
+}
+
+py::list DepthCamera::locateObjects(const py::object& depth, const py::object& boxes) {
+  const py::array_t<float> image = float32Image(depth, "depth");
+  if (image.shape(0) > 32768 || image.shape(1) > 32768) {
+    throw py::value_error("depth: expected at most 32768 rows and columns, got " + shapeText(image));
+  }
+  const std::vector<LumoDetection> records = boxRecords(boxes, "boxes");
+  std::vector<LumoObject> objects(records.size());
+  LumoDepthImage record{};
+  record.width = static_cast<uint32_t>(image.shape(1));
+  record.height = static_cast<uint32_t>(image.shape(0));
+  record.channels = 1;
+  record.stride = record.width * sizeof(float);
+  record.size = static_cast<uint32_t>(std::min<uint64_t>(static_cast<uint64_t>(record.stride) * record.height,
+                                                         UINT32_MAX));
+  record.data = const_cast<float*>(image.data());
+  int status;
+  {
+    Call call(*this);
+    py::gil_scoped_release release;
+    status = KORV_LUMO_D_LocateObjects(call.handle(), &record, records.data(), static_cast<int>(records.size()),
+                                       objects.data());
+  }
+  if (status != 0) {
+    const char* reason = config_.hasCalibration ? "the library's error line on standard output says why"
+                                                : "the configuration names no calib_path";
+    throw Error(std::string("KORV_LUMO_D_LocateObjects refused the call (") + reason + ")");
+  }
+  py::list out;
+  for (const LumoObject& object : objects) out.append(locatedObject(object));
   return out;
 }
 

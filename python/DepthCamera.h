@@ -49,6 +49,7 @@ class DepthCamera {
   pybind11::dict rectifyInfo();
   pybind11::tuple pointCloud();
   pybind11::array coordinates(const pybind11::object& pixels, const pybind11::object& depth);
+  pybind11::list locateObjects(const pybind11::object& depth, const pybind11::object& boxes);
 
   const std::string& configPath() const { return configPath_; }
   const HandleConfig& config() const { return config_; }

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <pybind11/pybind11.h>
+
 namespace LumoPython {
 
 namespace {
@@ -56,6 +58,11 @@ std::string StdoutCapture::finish() {
   saved_ = file_ = -1;
   writeAll(STDOUT_FILENO, text);
   return text;
+}
+
+void flushPythonStdout() {
+  const pybind11::object out = pybind11::module_::import("sys").attr("stdout");
+  if (!out.is_none()) out.attr("flush")();
 }
 
 std::vector<std::string> errorLines(const std::string& text) {

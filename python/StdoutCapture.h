@@ -29,6 +29,10 @@ class StdoutCapture {
   int file_ = -1;   // the temporary file collecting it; -1 when capturing failed
 };
 
+// Flushes Python's sys.stdout, so that what Python printed before a capture
+// is not taken for the library's. Needs the GIL.
+void flushPythonStdout();
+
 // "function(): message" of every error line in `text` (the library's lines
 // read "YYYY-MM-DD hh:mm:ss.mmm [ ERROR] function(): message").
 std::vector<std::string> errorLines(const std::string& text);
