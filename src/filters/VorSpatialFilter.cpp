@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include <opencv2/core/utility.hpp>
+
 #include "api/ErrorLog.h"
 #include "filters/BranchFreeChoose.h"
 
@@ -21,6 +23,9 @@ constexpr float kEps = 1.1920929e-7f;  // float machine epsilon
 // pixel's own arithmetic is unchanged; only independent rows are interleaved.
 constexpr std::size_t kLanes = 16;
 constexpr std::size_t kBlockColumns = 32;
+
+// Columns per band of the vertical passes (whole cache lines of a row).
+constexpr std::size_t kBandColumns = 64;
 
 struct RowLanes {
   float* row[kLanes];  // lanes past the last real row repeat it and are never stored
@@ -163,17 +168,22 @@ void VorSpatialFilter::recursive_filter_horizontal(float* image, float alpha, fl
   const std::size_t height = height_;
   if (width < 2) return;  // a single pixel has no neighbour in its row
 
+  // Groups of rows are independent: they are spread over OpenCV's threads.
   const int radius = holeFillRadius_;
-  RowLanes lanes;
-  for (std::size_t r0 = 0; r0 < height; r0 += kLanes) {
-    lanes.count = std::min(kLanes, height - r0);
-    for (std::size_t k = 0; k < kLanes; ++k)
-      lanes.row[k] = image + (r0 + std::min(k, lanes.count - 1)) * width;
-    if (radius != 0)
-      filterRowLanes<true>(lanes, width, alpha, delta, radius);
-    else
-      filterRowLanes<false>(lanes, width, alpha, delta, radius);
-  }
+  const int groups = static_cast<int>((height + kLanes - 1) / kLanes);
+  cv::parallel_for_(cv::Range(0, groups), [&](const cv::Range& range) {
+    RowLanes lanes;
+    for (int group = range.start; group < range.end; ++group) {
+      const std::size_t r0 = static_cast<std::size_t>(group) * kLanes;
+      lanes.count = std::min(kLanes, height - r0);
+      for (std::size_t k = 0; k < kLanes; ++k)
+        lanes.row[k] = image + (r0 + std::min(k, lanes.count - 1)) * width;
+      if (radius != 0)
+        filterRowLanes<true>(lanes, width, alpha, delta, radius);
+      else
+        filterRowLanes<false>(lanes, width, alpha, delta, radius);
+    }
+  });
 }
 
 void VorSpatialFilter::recursive_filter_vertical(float* image, float alpha, float delta) {
@@ -182,32 +192,39 @@ void VorSpatialFilter::recursive_filter_vertical(float* image, float alpha, floa
   if (height < 2 || width < 1) return;
   const float oneMinusAlpha = 1.0f - alpha;
 
-  // Top to bottom without any validity test: a zero pixel next to a valid one
-  // closer than delta is blended, by design.
-  for (std::size_t v = 1; v < height; ++v) {
-    const float* up = image + (v - 1) * width;
-    float* cur = image + v * width;
-    for (std::size_t u = 0; u < width; ++u) {
-      const float a = up[u];
-      const float c = cur[u];
-      cur[u] = choose(std::fabs(a - c) < delta, oneMinusAlpha * a + alpha * c, c);
+  // Columns are independent: bands of them are spread over OpenCV's threads,
+  // each band taking both passes.
+  const int bands = static_cast<int>((width + kBandColumns - 1) / kBandColumns);
+  cv::parallel_for_(cv::Range(0, bands), [&](const cv::Range& range) {
+    const std::size_t first = static_cast<std::size_t>(range.start) * kBandColumns;
+    const std::size_t last = std::min(width, static_cast<std::size_t>(range.end) * kBandColumns);
+    // Top to bottom without any validity test: a zero pixel next to a valid one
+    // closer than delta is blended, by design.
+    for (std::size_t v = 1; v < height; ++v) {
+      const float* up = image + (v - 1) * width;
+      float* cur = image + v * width;
+      for (std::size_t u = first; u < last; ++u) {
+        const float a = up[u];
+        const float c = cur[u];
+        cur[u] = choose(std::fabs(a - c) < delta, oneMinusAlpha * a + alpha * c, c);
+      }
     }
-  }
 
-  // Bottom to top, valid pairs only.
-  for (std::size_t v = height - 1; v-- > 0;) {
-    float* cur = image + v * width;
-    const float* below = image + (v + 1) * width;
-    for (std::size_t u = 0; u < width; ++u) {
-      const float c = cur[u];
-      const float b = below[u];
-      // Bitwise on purpose: every test is evaluated, so the loop has no branch.
-      const bool smooth = static_cast<bool>(static_cast<int>(std::fabs(c) >= kEps) &
-                                            static_cast<int>(std::fabs(b) >= kEps) &
-                                            static_cast<int>(std::fabs(c - b) < delta));
-      cur[u] = choose(smooth, c * alpha + b * oneMinusAlpha, c);
+    // Bottom to top, valid pairs only.
+    for (std::size_t v = height - 1; v-- > 0;) {
+      float* cur = image + v * width;
+      const float* below = image + (v + 1) * width;
+      for (std::size_t u = first; u < last; ++u) {
+        const float c = cur[u];
+        const float b = below[u];
+        // Bitwise on purpose: every test is evaluated, so the loop has no branch.
+        const bool smooth = static_cast<bool>(static_cast<int>(std::fabs(c) >= kEps) &
+                                              static_cast<int>(std::fabs(b) >= kEps) &
+                                              static_cast<int>(std::fabs(c - b) < delta));
+        cur[u] = choose(smooth, c * alpha + b * oneMinusAlpha, c);
+      }
     }
-  }
+  });
 }
 
 }  // namespace KorvLumetra
