@@ -193,24 +193,19 @@ Result run(const std::string& calibration) {
 }
 
 TEST(CalibrationFiles, LayoutsUsersHaveLoadAndGiveDepth) {
-  const LumoSynth::Rig rig = plainRig();
-  Layout wrapped, flat, imu, imuInverse, crlf, tabs;
-  wrapped.wrap = wrapped.extras = true;
-  flat.transform = Layout::kFlat;
-  imu.transform = Layout::kImu;
-  imuInverse.transform = Layout::kImuInverse;
-  crlf.crlf = crlf.extras = true;
-  tabs.tabs = tabs.wrap = true;
-  const std::pair<const char*, Layout> cases[] = {{"plain", Layout()}, {"toolbox, wrapped", wrapped},
-                                                  {"flat 4x4", flat},  {"T_cam_imu only", imu},
-                                                  {"T_imu_cam only", imuInverse}, {"CRLF", crlf},
-                                                  {"tabs", tabs}};
-  for (const auto& [name, layout] : cases) {
-    SCOPED_TRACE(name);
-    const std::string text = calibrationText(rig, layout);
+  const Layout cases[] = {{},  // wrap, extras, crlf, tabs, transform
+                         {true, true},
+                         {false, false, false, false, Layout::kFlat},
+                         {false, false, false, false, Layout::kImu},
+                         {false, false, false, false, Layout::kImuInverse},
+                         {false, true, true},
+                         {true, false, false, true}};
+  for (const Layout& layout : cases) {
+    const std::string text = calibrationText(plainRig(), layout);
+    SCOPED_TRACE(text);
     const Result r = run(text);
-    EXPECT_EQ(r.printed.find("[ ERROR]"), std::string::npos) << text << r.printed;
-    ASSERT_EQ(r.feed, 0) << text << r.printed;
+    EXPECT_EQ(r.printed.find("[ ERROR]"), std::string::npos) << r.printed;
+    ASSERT_EQ(r.feed, 0) << r.printed;
     EXPECT_GT(r.coverage, 0.8);
     EXPECT_LT(r.medianError, 0.01);
     const bool derived = layout.transform == Layout::kImu || layout.transform == Layout::kImuInverse;
@@ -244,8 +239,6 @@ TEST(CalibrationFiles, WhatCannotBeUsedIsRefusedWithTheCameraAndTheReason) {
        file + "cam0: intrinsics [nan, 260, 160, 100] must be finite with fx, fy above zero"},
       {replaced(plain, cam0Intrinsics, "intrinsics: [0, 260, 160, 100]"),
        file + "cam0: intrinsics [0, 260, 160, 100] must be finite with fx, fy above zero"},
-      {replaced(plain, cam0Intrinsics, "intrinsics: [-260, 260, 160, 100]"),
-       file + "cam0: intrinsics [-260, 260, 160, 100] must be finite with fx, fy above zero"},
       {replaced(plain, cam0Intrinsics, "intrinsics: [260, 260, 160]"),
        file + "cam0: intrinsics must be [fx, fy, cx, cy], not 3 numbers [260, 260, 160]"},
       {replaced(plain, cam0Intrinsics, "intrinsics: [260, 260, 160, x100]"),

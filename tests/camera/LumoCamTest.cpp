@@ -174,17 +174,6 @@ TEST(LumoCam, EquidistantPrincipalPointIsClampedToThePrincipalRay) {
   EXPECT_EQ(std::vector<float>(point, point + 3), (std::vector<float>{0.0f, 0.0f, 3.0f}));
 }
 
-// The radtan displacement itself is pinned by the bit-exact deprojection, which iterates it.
-TEST(LumoCam, DistortIsZeroForEveryOtherModel) {
-  for (uint8_t model : {0, 1, 3, 4, 7}) {
-    const float in[2] = {0.5f, 0.25f};
-    float out[2] = {99.0f, 99.0f};
-    LumoCam(makeIntrinsics(model, kRational)).distort(in, out);
-    EXPECT_EQ(out[0], 0.0f) << int(model);
-    EXPECT_EQ(out[1], 0.0f) << int(model);
-  }
-}
-
 TEST(LumoCam, TransformAppliesRowMajorRotationThenTranslation) {
   // 90 degrees about Z: R (1, 2, 3) = (-2, 1, 3), plus t; column-major R would give (2.5, -2, 5).
   const LumoExtrinsics T = {{0, -1, 0, 1, 0, 0, 0, 0, 1}, {0.5f, -1.0f, 2.0f}};

@@ -4,19 +4,12 @@
 // StereoDepthTestAccess to read the calibration state a pipeline keeps private.
 #pragma once
 
-#include <stdlib.h>
-#include <unistd.h>
-
-#include <cmath>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <opencv2/calib3d.hpp>
-#include <opencv2/core.hpp>
 
 #include "lumetra_depth.h"
 #include "pipeline/StereoDepth.h"
@@ -28,7 +21,6 @@ namespace KorvLumetra {
 
 // Reaches the calibration state of a pipeline (the class befriends it).
 struct StereoDepthTestAccess {
-  static const StereoCalibration& calibration(StereoDepth& p) { return p.calibration_; }
   static const auto& kInput(StereoDepth& p) { return p.calibration_.kInput(); }
   static const auto& kProc(StereoDepth& p) { return p.calibration_.kProc(); }
   static const auto& distortion(StereoDepth& p) { return p.calibration_.distortion(); }
@@ -108,11 +100,11 @@ inline std::string number(double v) {
   return text;
 }
 
-inline std::string calibText(const std::vector<CameraSpec>& cams, const std::vector<int>& indices = {}) {
+inline std::string calibText(const std::vector<CameraSpec>& cams) {
   std::ostringstream s;
   for (std::size_t n = 0; n < cams.size(); ++n) {
     const CameraSpec& c = cams[n];
-    s << "cam" << (indices.empty() ? static_cast<int>(n) : indices[n]) << ":\n";
+    s << "cam" << n << ":\n";
     s << "  camera_model: pinhole\n";  // ignored by the import
     s << "  intrinsics: [" << number(c.fx) << ", " << number(c.fy) << ", " << number(c.cx) << ", "
       << number(c.cy) << "]\n";
@@ -132,14 +124,6 @@ inline std::string calibText(const std::vector<CameraSpec>& cams, const std::vec
   return s.str();
 }
 
-// The record's distortion code for a file model name (the inverse of the import's mapping).
-inline uint8_t recordDistortionCode(const std::string& model) {
-  if (model == "equidistant") return 1;
-  if (model == "radtan") return 2;
-  if (model == "cvbasic") return 4;
-  return 0;
-}
-
 inline LumoCalibrationParam calibRecord(const std::vector<CameraSpec>& cams) {
   LumoCalibrationParam calib{};
   calib.num_cameras = static_cast<uint32_t>(cams.size());
@@ -151,13 +135,11 @@ inline LumoCalibrationParam calibRecord(const std::vector<CameraSpec>& cams) {
     out.camera_id = static_cast<uint8_t>(n);
     out.available_mask = c.hasTransform ? 0x03 : 0x01;
     LumoIntrinsics& in = out.intrinsics;
-    in.width = static_cast<uint32_t>(c.width);
-    in.height = static_cast<uint32_t>(c.height);
-    in.fx = static_cast<float>(c.fx);
-    in.fy = static_cast<float>(c.fy);
-    in.cx = static_cast<float>(c.cx);
-    in.cy = static_cast<float>(c.cy);
-    in.distortion_model = recordDistortionCode(c.model);
+    in.width = static_cast<uint32_t>(c.width), in.height = static_cast<uint32_t>(c.height);
+    in.fx = static_cast<float>(c.fx), in.fy = static_cast<float>(c.fy);
+    in.cx = static_cast<float>(c.cx), in.cy = static_cast<float>(c.cy);
+    // The record's code for the file's model name.
+    in.distortion_model = c.model == "equidistant" ? 1 : c.model == "radtan" ? 2 : c.model == "cvbasic" ? 4 : 0;
     for (std::size_t j = 0; j < c.coeffs.size() && j < 8; ++j) in.distortion_coeffs[j] = static_cast<float>(c.coeffs[j]);
     for (int r = 0; r < 3; ++r) {
       for (int k = 0; k < 3; ++k) out.T_cn_cnm1.rotation[3 * r + k] = static_cast<float>(c.T(r, k));
@@ -183,12 +165,7 @@ inline std::vector<CameraSpec> syntheticRig(const std::string& model) {
   cv::Matx33d R;
   cv::Rodrigues(axis, R);
   cam1.hasTransform = true;
-  for (int r = 0; r < 3; ++r) {
-    for (int k = 0; k < 3; ++k) cam1.T(r, k) = R(r, k);
-  }
-  cam1.T(0, 3) = -0.1;
-  cam1.T(1, 3) = 0.003;
-  cam1.T(2, 3) = -0.002;
+  cam1.T = cv::Affine3d(R, cv::Vec3d(-0.1, 0.003, -0.002)).matrix;
   return {cam0, cam1};
 }
 
