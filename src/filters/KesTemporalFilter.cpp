@@ -4,8 +4,6 @@
 #include <cmath>
 #include <cstring>
 
-#include <opencv2/core/utility.hpp>
-
 #include "api/ErrorLog.h"
 #include "filters/BranchFreeChoose.h"
 
@@ -120,36 +118,31 @@ int KesTemporalFilter::processFrame(LumoDepthImage* image) {
 
     // The table lookups are gathered a chunk at a time so that the per-pixel
     // loop has no lookup and no branch: holes and jumps are scattered at random.
-    // Pixels are independent: chunks are spread over OpenCV's threads.
-    const int chunks = static_cast<int>((count + kChunk - 1) / kChunk);
-    cv::parallel_for_(cv::Range(0, chunks), [&](const cv::Range& range) {
-      uint8_t fillRules[kChunk];
-      for (int chunk = range.start; chunk < range.end; ++chunk) {
-        const std::size_t i0 = static_cast<std::size_t>(chunk) * kChunk;
-        const std::size_t n = std::min(kChunk, count - i0);
-        float* d = depth + i0;
-        float* l = last + i0;
-        uint8_t* hist = history + i0;
-        for (std::size_t j = 0; j < n; ++j) fillRules[j] = persistenceMap_[hist[j]];
+    uint8_t fillRules[kChunk];
+    for (std::size_t i0 = 0; i0 < count; i0 += kChunk) {
+      const std::size_t n = std::min(kChunk, count - i0);
+      float* d = depth + i0;
+      float* l = last + i0;
+      uint8_t* hist = history + i0;
+      for (std::size_t j = 0; j < n; ++j) fillRules[j] = persistenceMap_[hist[j]];
 
-        for (std::size_t j = 0; j < n; ++j) {
-          const float cur = d[j];
-          const float prev = l[j];
-          const uint8_t h = hist[j];
-          const bool hole = cur == 0.0f;
-          const bool hadValue = prev != 0.0f;
-          const bool close = hadValue & (std::fabs(cur - prev) < delta);
-          const float blended = cur * alpha + prev * oneMinusAlpha;
-          const bool fill = hole & hadValue & ((fillRules[j] & mask) != 0);
+      for (std::size_t j = 0; j < n; ++j) {
+        const float cur = d[j];
+        const float prev = l[j];
+        const uint8_t h = hist[j];
+        const bool hole = cur == 0.0f;
+        const bool hadValue = prev != 0.0f;
+        const bool close = hadValue & (std::fabs(cur - prev) < delta);
+        const float blended = cur * alpha + prev * oneMinusAlpha;
+        const bool fill = hole & hadValue & ((fillRules[j] & mask) != 0);
 
-          d[j] = choose(fill, prev, choose(hole | !close, cur, blended));
-          l[j] = choose(hole, prev, choose(close, blended, cur));
-          // A jump (or a first value) drops every older validity bit.
-          hist[j] = hole ? static_cast<uint8_t>(h & keepOthers)
-                         : close ? static_cast<uint8_t>(h | mask) : mask;
-        }
+        d[j] = choose(fill, prev, choose(hole | !close, cur, blended));
+        l[j] = choose(hole, prev, choose(close, blended, cur));
+        // A jump (or a first value) drops every older validity bit.
+        hist[j] = hole ? static_cast<uint8_t>(h & keepOthers)
+                       : close ? static_cast<uint8_t>(h | mask) : mask;
       }
-    });
+    }
   }
   currentSlot_ = static_cast<uint8_t>((currentSlot_ + 1) % 8);
   return 0;
