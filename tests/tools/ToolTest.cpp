@@ -10,6 +10,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <opencv2/imgcodecs.hpp>
@@ -71,8 +72,11 @@ std::string sample() {
 std::string config() { return sample() + "/config.yaml"; }
 
 // A run into `out`, without clouds.
-std::string runInto(const std::string& out, const std::string& input, const std::string& cfg = config()) {
-  const ProgramResult r = tool({"run", cfg, input, "--out", out, "--cloud-every", "0"});
+std::string runInto(const std::string& out, const std::string& input, const std::string& cfg = config(),
+                    const std::vector<std::string>& more = {}) {
+  std::vector<std::string> args = {"run", cfg, input, "--out", out, "--cloud-every", "0"};
+  args.insert(args.end(), more.begin(), more.end());
+  const ProgramResult r = tool(args);
   EXPECT_EQ(r.status, 0) << r.err;
   return out;
 }
@@ -206,11 +210,15 @@ TEST(ToolSequence, EveryInputFormAndAsynchronousModeGiveTheSameDepth) {
     cv::imwrite(numbered(pairs, "pair_", n, ".png"), sideBySide);
   }
   writeText(sample() + "/async.yaml", withKey(withKey(readText(config()), "async_mode", "1"), "thread_num", "2"));
-  const std::pair<std::string, std::string> forms[] = {
-      {left + "," + right, config()}, {pairs, config()}, {sample(), sample() + "/async.yaml"}};
-  for (int i = 0; i < 3; ++i) {
-    const auto& [input, cfg] = forms[i];
-    const std::string out = runInto(scratch.file("form" + std::to_string(i)), input, cfg);
+  const std::tuple<std::string, std::string, std::vector<std::string>> forms[] = {
+      {left + "," + right, config(), {}},
+      {pairs, config(), {}},
+      {pairs, config(), {"--layout", "side-by-side"}},
+      {sample(), config(), {"--layout", "stacked"}},
+      {sample(), sample() + "/async.yaml", {}}};
+  for (int i = 0; i < 5; ++i) {
+    const auto& [input, cfg, more] = forms[i];
+    const std::string out = runInto(scratch.file("form" + std::to_string(i)), input, cfg, more);
     for (int n = 0; n < kFrames; ++n) {
       const cv::Mat a = cv::imread(numbered(stacked, "depth_", n, ".tiff"), cv::IMREAD_UNCHANGED);
       const cv::Mat b = cv::imread(numbered(out, "depth_", n, ".tiff"), cv::IMREAD_UNCHANGED);
@@ -218,6 +226,11 @@ TEST(ToolSequence, EveryInputFormAndAsynchronousModeGiveTheSameDepth) {
       EXPECT_EQ(cv::countNonZero(a != b), 0) << input << " frame " << n;
     }
   }
+  // A layout named is a layout required.
+  const ProgramResult wrong = tool({"run", config(), pairs, "--out", scratch.file("wrong"), "--layout", "stacked"});
+  EXPECT_EQ(wrong.status, 1);
+  EXPECT_EQ(wrong.err, "lumetra-depth: '" + numbered(pairs, "pair_", 0, ".png") +
+                           "' is 640x200; --layout stacked with two 320x200 views wants 320x400\n");
 }
 
 TEST(ToolSequence, InfoShowsTheRigAndFlagsSettingsThatLookWrong) {

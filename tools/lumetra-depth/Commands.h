@@ -15,5 +15,6 @@ int runCommand(const Args& args);
 int evalCommand(const Args& args);
 int infoCommand(const Args& args);
 int objectsCommand(const Args& args);
+int calibCommand(const Args& args);
 
 }  // namespace LumoTool

@@ -15,6 +15,7 @@
 #include "ConfigFile.h"
 #include "DepthFiles.h"
 #include "Images.h"
+#include "MapEval.h"
 #include "Options.h"
 #include "ToolError.h"
 
@@ -50,7 +51,12 @@ const char* const kHelp =
     "  --heatmap PATH       where to write the heat map\n"
     "  --heatmap-max PCT    relative error at the red end of the heat map (default 5)\n"
     "  --per-frame          a line per frame\n"
-    "  --require-median PCT exit with status 1 when the median error is above PCT\n";
+    "  --require-median PCT exit with status 1 when the median error is above PCT\n"
+    "\n"
+    "lumetra-depth eval MAP.ply SAMPLE [--require-map-median CM]\n"
+    "Measures a map fused by 'run --map' from a recording written by 'synth --layout\n"
+    "asl' against the scene's true surfaces: the median distance of its points to\n"
+    "them and the shares within 1, 2 and 5 cm.\n";
 
 constexpr int kBins = 100000;         // histogram of relative errors, 0 to 100 %
 constexpr double kBinWidth = 1e-5;    // 0.001 % per bin
@@ -150,13 +156,17 @@ std::map<int, std::string> depthFiles(const std::string& dir, const std::string&
 }  // namespace
 
 int evalCommand(const Args& args) {
-  const Options options(args, {"band", "truth", "heatmap", "heatmap-max", "require-median"}, {"per-frame"});
+  const Options options(args, {"band", "truth", "heatmap", "heatmap-max", "require-median", "require-map-median"},
+                        {"per-frame"});
   if (options.help()) {
     std::fputs(kHelp, stdout);
     return 0;
   }
   options.expectPositional(2, "RESULTS and GROUND_TRUTH");
   const std::string resultsDir = options.positional()[0], truthDir = options.positional()[1];
+  if (fs::path(resultsDir).extension() == ".ply") {
+    return evalMap(resultsDir, truthDir, options.real("require-map-median", 0.0, 0.0, 1e6));
+  }
   const double heatmapMax = options.real("heatmap-max", 5.0, 0.01, 100.0) / 100.0;
   const std::string heatmapPath =
       options.text("heatmap", (fs::path(resultsDir) / "error_heatmap.png").string());

@@ -1,6 +1,7 @@
 #include "FrameSource.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cctype>
 #include <filesystem>
 #include <set>
@@ -9,6 +10,7 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "AslFolder.h"
 #include "HeldOutput.h"
 #include "ToolError.h"
 
@@ -80,11 +82,30 @@ cv::Mat readImage(const std::string& path) {
   return image;
 }
 
+std::string numberLabel(int number) {
+  char text[16];
+  std::snprintf(text, sizeof(text), "%06d", number);
+  return text;
+}
+
 }  // namespace
 
 FrameSource::FrameSource(const std::string& input) : input_(input) {
   const std::size_t comma = input.find(',');
   std::error_code error;
+  const std::string mav0 = AslFolder::find(input);
+  if (!mav0.empty()) {
+    kind_ = Kind::Asl;
+    const AslFolder folder = AslFolder::read(mav0);
+    for (const AslPair& pair : folder.pairs) {
+      files_.emplace_back(pair.left, pair.right);
+      numbers_.push_back(static_cast<int>(numbers_.size()));
+      stamps_.push_back(pair.timestamp);
+    }
+    unpairedLeft_ = folder.unpairedLeft;
+    unpairedRight_ = folder.unpairedRight;
+    return;
+  }
   if (comma != std::string::npos && !fs::exists(input, error)) {
     kind_ = Kind::LeftRight;
     const std::string leftDir = input.substr(0, comma), rightDir = input.substr(comma + 1);
@@ -143,6 +164,14 @@ FrameSource::FrameSource(const std::string& input) : input_(input) {
   if (fs::exists(poses, error)) posesPath_ = poses.string();
 }
 
+std::vector<std::uint64_t> FrameSource::timestamps() const {
+  if (kind_ == Kind::Asl) return stamps_;
+  std::vector<std::uint64_t> out;
+  if (kind_ == Kind::Video) return out;
+  for (int n : numbers_) out.push_back(static_cast<std::uint64_t>(n) * 1000000ull + 1ull);
+  return out;
+}
+
 int FrameSource::count() const { return kind_ == Kind::Video ? videoFrames_ : static_cast<int>(files_.size()); }
 
 bool FrameSource::next(Frame& frame) {
@@ -152,6 +181,7 @@ bool FrameSource::next(Frame& frame) {
     frame.image = image;
     frame.number = static_cast<int>(position_);
     frame.name = input_ + " frame " + std::to_string(position_);
+    frame.label = numberLabel(frame.number);
     ++position_;
     return true;
   }
@@ -159,8 +189,10 @@ bool FrameSource::next(Frame& frame) {
   const auto& files = files_[position_];
   frame.number = numbers_[position_];
   frame.name = files.first;
+  frame.timestamp = kind_ == Kind::Asl ? stamps_[position_] : 0;
+  frame.label = kind_ == Kind::Asl ? std::to_string(frame.timestamp) : numberLabel(frame.number);
   frame.image = readImage(files.first);
-  if (kind_ == Kind::LeftRight) {
+  if (kind_ == Kind::LeftRight || kind_ == Kind::Asl) {
     const cv::Mat right = readImage(files.second);
     if (right.size() != frame.image.size()) {
       throw ToolError("'" + files.second + "' is " + std::to_string(right.cols) + "x" + std::to_string(right.rows) +
@@ -186,6 +218,7 @@ std::string FrameSource::describe() const {
   switch (kind_) {
     case Kind::LeftRight: return std::to_string(files_.size()) + " left and right views from " + input_;
     case Kind::Video: return "video " + input_;
+    case Kind::Asl: return std::to_string(files_.size()) + " recorded stereo pairs from " + input_;
     default: return std::to_string(files_.size()) + " stacked frames from " + input_;
   }
 }

@@ -2,6 +2,7 @@
 // is a terminal, so logs and pipes stay clean.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 namespace LumoTool {
@@ -11,6 +12,7 @@ class Progress {
   explicit Progress(int total);  // total <= 0: count without a bar
   ~Progress() { finish(); }
 
+  // Draws frames done, the rate so far and, with a total, the time left.
   void update(int done, const std::string& note);
   // Clears the bar's line, before a report is printed.
   void finish();
@@ -18,6 +20,7 @@ class Progress {
  private:
   int total_;
   bool shown_;
+  std::chrono::steady_clock::time_point started_;
 };
 
 }  // namespace LumoTool

@@ -2,6 +2,7 @@
 // writes what comes back: depth, pictures of it, the rectified pair, point
 // clouds and aligned colour; then a summary of speed and coverage.
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -15,6 +16,9 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <Eigen/Geometry>
+
+#include "AslCalibration.h"
 #include "CloudFiles.h"
 #include "Commands.h"
 #include "ConfigCheck.h"
@@ -28,6 +32,8 @@
 #include "Poses.h"
 #include "Progress.h"
 #include "ToolError.h"
+#include "Trajectory.h"
+#include "VoxelMap.h"
 #include "lumetra_depth.h"
 
 namespace LumoTool {
@@ -37,7 +43,8 @@ namespace {
 const char* const kHelp =
     "usage: lumetra-depth run CONFIG INPUT --out DIR [options]\n"
     "\n"
-    "Feeds every frame of INPUT to a handle made from CONFIG and writes, per frame N:\n"
+    "Feeds every frame of INPUT to a handle made from CONFIG and writes, per frame N\n"
+    "(six digits; for a recording, its nanosecond time stamp):\n"
     "  depth_N.tiff           depth, 32-bit float, the calibration's unit, 0 = none\n"
     "  depth_N.png            the same, 16-bit, millimetres (calibration in metres)\n"
     "  depth_colour_N.png     depth in colour, near red to far blue, with its range\n"
@@ -52,8 +59,12 @@ const char* const kHelp =
     "    them feed the colour camera, poses.txt the tracker poses\n"
     "  LEFTDIR,RIGHTDIR: two folders of single views, paired in name order\n"
     "  a video file of stacked frames\n"
+    "  a recording in the EuRoC-style layout: mav0/ (or the folder holding it) with\n"
+    "    cam0/data.csv and cam1/data.csv ('#timestamp [ns],filename' rows) and the\n"
+    "    images in cam0/data/, cam1/data/; views are paired by time stamp\n"
     "\n"
-    "Frame N gets the time stamp N * 1000000 + 1. Each feed waits for its depth\n"
+    "A recorded frame is fed with its nanosecond time stamp, frame N of other inputs\n"
+    "with N * 1000000 + 1. Each feed waits for its depth\n"
     "(in asynchronous mode the program polls for it), so latency is the time from\n"
     "feeding a frame to holding its depth. The summary ends with the disk space\n"
     "the files written took.\n"
@@ -64,7 +75,18 @@ const char* const kHelp =
     "  --cloud-every N    write the point cloud of every Nth frame (default 30; 0: none)\n"
     "  --ascii-pcd        PCD clouds as text, as the library's debug dump writes them\n"
     "  --range NEAR,FAR   depth range of the colour pictures in metres (default: from\n"
-    "                     the first frame with depth, kept for the whole sequence)\n";
+    "                     the first frame with depth, kept for the whole sequence)\n"
+    "  --layout L         stacked or side-by-side: how the two views lie in the images\n"
+    "                     of a folder or a video (default: either, told by the size)\n"
+    "  --poses FILE       the body's trajectory: the data sets' ground-truth CSV\n"
+    "                     (timestamp, p_x, p_y, p_z, q_w, q_x, q_y, q_z, ...) or text lines\n"
+    "                     't x y z qx qy qz qw' (seconds or nanoseconds); interpolated\n"
+    "                     at each frame's time, moved to the left camera through cam0's\n"
+    "                     T_cam_imu when the calibration has one, fed before the frame;\n"
+    "                     needs pointcloud_type: 2 (clouds in the world frame)\n"
+    "  --map FILE.ply     fuse the world-frame clouds of all frames into one map (a\n"
+    "                     point per voxel, the mean of its points), binary PLY\n"
+    "  --map-voxel M      edge of the map's voxels in metres (default 0.02)\n";
 
 constexpr int kWaitMilliseconds = 5000;
 
@@ -82,11 +104,21 @@ LumoImage imageRecord(const cv::Mat& image, uint64_t timestamp) {
 
 // The frame as the library takes it: W x 2H, left view on top; grey, or
 // three channels in red-green-blue order.
-cv::Mat stackedFrame(const Frame& frame, const Settings& s) {
+cv::Mat stackedFrame(const Frame& frame, const Settings& s, Layout layout) {
   cv::Mat stacked;
-  if (frame.image.cols == s.width && frame.image.rows == 2 * s.height) {
+  const bool isStacked = frame.image.cols == s.width && frame.image.rows == 2 * s.height;
+  const bool isSideBySide = frame.image.cols == 2 * s.width && frame.image.rows == s.height;
+  if ((layout == Layout::Stacked && !isStacked) || (layout == Layout::SideBySide && !isSideBySide)) {
+    const bool side = layout == Layout::SideBySide;
+    throw ToolError("'" + frame.name + "' is " + std::to_string(frame.image.cols) + "x" +
+                    std::to_string(frame.image.rows) + "; --layout " + (side ? "side-by-side" : "stacked") +
+                    " with two " + std::to_string(s.width) + "x" + std::to_string(s.height) + " views wants " +
+                    std::to_string(side ? 2 * s.width : s.width) + "x" +
+                    std::to_string(side ? s.height : 2 * s.height));
+  }
+  if (isStacked) {
     stacked = frame.image;
-  } else if (frame.image.cols == 2 * s.width && frame.image.rows == s.height) {
+  } else if (isSideBySide) {
     cv::vconcat(frame.image(cv::Rect(0, 0, s.width, s.height)), frame.image(cv::Rect(s.width, 0, s.width, s.height)),
                 stacked);
   } else {
@@ -100,14 +132,51 @@ cv::Mat stackedFrame(const Frame& frame, const Settings& s) {
   return rgb;
 }
 
-std::string numbered(const std::string& dir, const char* prefix, int number, const char* extension) {
-  char name[64];
-  std::snprintf(name, sizeof(name), "%s%06d%s", prefix, number, extension);
-  return (std::filesystem::path(dir) / name).string();
+std::string numbered(const std::string& dir, const char* prefix, const std::string& label, const char* extension) {
+  return (std::filesystem::path(dir) / (prefix + label + extension)).string();
+}
+
+// Writes through a hidden name in the same folder, then renames: a run that
+// is stopped leaves no half-written file under a final name.
+template <class Write>
+void atomically(const std::string& path, Write write) {
+  const std::filesystem::path final(path);
+  const std::string partial = (final.parent_path() / ("." + final.filename().string())).string();
+  std::error_code error;
+  try {
+    write(partial);
+  } catch (const ToolError&) {
+    std::filesystem::remove(partial, error);
+    throw ToolError("cannot write '" + path + "'");
+  }
+  std::filesystem::rename(partial, final, error);
+  if (error) {
+    std::filesystem::remove(partial, error);
+    throw ToolError("cannot write '" + path + "': " + error.message());
+  }
 }
 
 void writeImage(const std::string& path, const cv::Mat& image) {
-  if (!cv::imwrite(path, image)) throw ToolError("cannot write '" + path + "'");
+  atomically(path, [&](const std::string& partial) {
+    if (!cv::imwrite(partial, image)) throw ToolError("cannot write '" + path + "'");
+  });
+}
+
+Layout parseLayout(const std::string& text) {
+  if (text == "stacked") return Layout::Stacked;
+  if (text == "side-by-side") return Layout::SideBySide;
+  throw UsageError("--layout takes stacked or side-by-side, not '" + text + "'");
+}
+
+LumoPose poseRecord(const Eigen::Isometry3d& T_world_left) {
+  const Eigen::Quaterniond q(T_world_left.linear());
+  LumoPose pose{};
+  for (int i = 0; i < 3; ++i) pose.position[i] = T_world_left.translation()[i];
+  pose.orientation[0] = q.w();
+  pose.orientation[1] = q.x();
+  pose.orientation[2] = q.y();
+  pose.orientation[3] = q.z();
+  return pose;
 }
 
 // Bytes of the files a run wrote, by kind, for the summary.
@@ -179,7 +248,8 @@ struct LibraryMessages {
 }  // namespace
 
 int runCommand(const Args& args) {
-  const Options options(args, {"out", "limit", "cloud-every", "range"}, {"ascii-pcd"});
+  const Options options(args, {"out", "limit", "cloud-every", "range", "layout", "poses", "map", "map-voxel"},
+                        {"ascii-pcd"});
   if (options.help()) {
     std::fputs(kHelp, stdout);
     return 0;
@@ -192,6 +262,9 @@ int runCommand(const Args& args) {
   const int cloudEvery = options.integer("cloud-every", 30, 0, 1 << 30);
   const PcdData pcdData = options.has("ascii-pcd") ? PcdData::Ascii : PcdData::Binary;
   DepthRange range = options.has("range") ? parseRange(options.text("range")) : DepthRange{};
+  const Layout layout = options.has("layout") ? parseLayout(options.text("layout")) : Layout::Either;
+  const std::string mapPath = options.text("map");
+  const double mapVoxel = options.real("map-voxel", 0.02, 0.001, 10.0);
 
   // Everything that would end this process inside the library, or give no depth, is refused first.
   const ConfigFile config = ConfigFile::load(configPath);
@@ -200,9 +273,44 @@ int runCommand(const Args& args) {
   if (!blocking.empty()) throw ToolError("cannot use '" + configPath + "': " + blocking);
 
   FrameSource source(input);
+  if (layout != Layout::Either && !source.singleImages()) {
+    throw UsageError("--layout is for folders of images and video files, not for '" + input + "'");
+  }
   const bool feedColour = s.aligned() && s.alignCamera >= 2;
   std::map<int, LumoPose> poses;
-  if (s.pointcloudType == 2 && !source.posesPath().empty()) poses = readPoses(source.posesPath());
+  if (s.pointcloudType == 2 && !source.posesPath().empty() && !options.has("poses")) {
+    poses = readPoses(source.posesPath());
+  }
+
+  // Body poses become left-camera poses through the IMU's place on the rig.
+  std::unique_ptr<Trajectory> trajectory;
+  Eigen::Isometry3d bodyFromLeft = Eigen::Isometry3d::Identity();
+  bool throughImu = false;
+  int withoutPose = 0;
+  if (options.has("poses")) {
+    if (s.pointcloudType != 2) {
+      throw ToolError("--poses places clouds in the world only with pointcloud_type: 2, and '" + configPath +
+                      "' has " + std::to_string(s.pointcloudType));
+    }
+    trajectory = std::make_unique<Trajectory>(Trajectory::read(options.text("poses")));
+    Eigen::Matrix4d T_cam_imu;
+    throughImu = leftCameraFromImu(s.calibPath, &T_cam_imu);
+    if (throughImu) bodyFromLeft.matrix() = T_cam_imu.inverse();
+    const std::vector<uint64_t> stamps = source.timestamps();
+    Eigen::Isometry3d unused;
+    if (!stamps.empty() && std::none_of(stamps.begin(), stamps.end(),
+                                        [&](uint64_t t) { return trajectory->at(t, &unused); })) {
+      throw ToolError("the poses in '" + options.text("poses") + "' cover none of the " +
+                      std::to_string(stamps.size()) + " frames (poses from " + std::to_string(trajectory->first()) +
+                      " to " + std::to_string(trajectory->last()) + " ns, frames from " +
+                      std::to_string(stamps.front()) + " to " + std::to_string(stamps.back()) + " ns)");
+    }
+  }
+  if (!mapPath.empty() && (s.pointcloudType != 2 || (!trajectory && poses.empty()))) {
+    throw ToolError("--map fuses world-frame clouds: it needs pointcloud_type: 2 in '" + configPath +
+                    "' and poses (--poses FILE)");
+  }
+  VoxelMap voxelMap(mapVoxel);
 
   std::error_code error;
   std::filesystem::create_directories(outDir, error);
@@ -228,8 +336,9 @@ int runCommand(const Args& args) {
 
   Frame frame;
   while ((limit == 0 || done + dropped < limit) && source.next(frame)) {
-    const uint64_t timestamp = static_cast<uint64_t>(frame.number) * 1000000ull + 1ull;
-    const cv::Mat stacked = stackedFrame(frame, s);
+    const uint64_t timestamp =
+        frame.timestamp != 0 ? frame.timestamp : static_cast<uint64_t>(frame.number) * 1000000ull + 1ull;
+    const cv::Mat stacked = stackedFrame(frame, s, layout);
     cv::Mat colour;
     if (feedColour) {
       colour = source.colour(frame.number);
@@ -245,16 +354,23 @@ int runCommand(const Args& args) {
       }
       if (colour.channels() == 3) cv::cvtColor(colour, colour, cv::COLOR_BGR2RGB);
     }
-    const auto pose = poses.find(frame.number);
+    const auto numberedPose = poses.find(frame.number);
+    bool posed = numberedPose != poses.end();
+    LumoPose poseToFeed = posed ? numberedPose->second : LumoPose{};
+    if (trajectory) {
+      Eigen::Isometry3d T_world_body;
+      posed = trajectory->at(timestamp, &T_world_body);
+      if (posed) poseToFeed = poseRecord(T_world_body * bodyFromLeft);
+      withoutPose += !posed;
+    }
     // The library's error lines would break the progress bar; they are counted for the summary.
     HeldOutput held(STDOUT_FILENO);
 
     // Library calls, timed from the first feed until this frame's depth is in hand.
     const auto t0 = std::chrono::steady_clock::now();
-    if (pose != poses.end()) {
-      LumoPose record = pose->second;
-      record.timestamp = timestamp;
-      KORV_LUMO_D_FeedPose(handle.get(), &record);
+    if (posed) {
+      poseToFeed.timestamp = timestamp;
+      KORV_LUMO_D_FeedPose(handle.get(), &poseToFeed);
     }
     if (feedColour) {
       LumoImage record = imageRecord(colour, timestamp);
@@ -289,13 +405,13 @@ int runCommand(const Args& args) {
     const cv::Mat metres(static_cast<int>(depth.height), static_cast<int>(depth.width), CV_32FC1, depth.data);
     coverageSum += static_cast<double>(cv::countNonZero(metres > 0.0f)) / static_cast<double>(metres.total());
     if (!range.valid()) range = depthRangeOf(metres);
-    const std::string tiff = numbered(outDir, "depth_", frame.number, ".tiff");
-    const std::string png = numbered(outDir, "depth_", frame.number, ".png");
-    writeDepthTiff(tiff, metres);
-    writeDepthPng(png, metres);
+    const std::string tiff = numbered(outDir, "depth_", frame.label, ".tiff");
+    const std::string png = numbered(outDir, "depth_", frame.label, ".png");
+    atomically(tiff, [&](const std::string& partial) { writeDepthTiff(partial, metres); });
+    atomically(png, [&](const std::string& partial) { writeDepthPng(partial, metres); });
     disk.add(DiskUse::Depth, tiff);
     disk.add(DiskUse::Depth, png);
-    write(DiskUse::Pictures, numbered(outDir, "depth_colour_", frame.number, ".png"), colouriseDepth(metres, range));
+    write(DiskUse::Pictures, numbered(outDir, "depth_colour_", frame.label, ".png"), colouriseDepth(metres, range));
 
     LumoImage rectified{};
     rectified.data = buffers.rectified.data();
@@ -304,7 +420,7 @@ int runCommand(const Args& args) {
       cv::cvtColor(cv::Mat(static_cast<int>(rectified.height), static_cast<int>(rectified.width), CV_8UC3,
                            rectified.data),
                    bgr, cv::COLOR_RGB2BGR);
-      write(DiskUse::Pictures, numbered(outDir, "rectified_", frame.number, ".png"),
+      write(DiskUse::Pictures, numbered(outDir, "rectified_", frame.label, ".png"),
             sideBySideWithGuides(bgr, std::max(16, bgr.rows / 12)));
     }
 
@@ -312,21 +428,25 @@ int runCommand(const Args& args) {
       const int type = aligned.channels == 1 ? CV_8UC1 : CV_8UC3;
       cv::Mat picture(static_cast<int>(aligned.height), static_cast<int>(aligned.width), type, aligned.data);
       if (aligned.channels == 3) cv::cvtColor(picture, picture, cv::COLOR_RGB2BGR);
-      write(DiskUse::Pictures, numbered(outDir, "aligned_colour_", frame.number, ".png"), picture);
+      write(DiskUse::Pictures, numbered(outDir, "aligned_colour_", frame.label, ".png"), picture);
       if (picture.size() == metres.size()) {
-        write(DiskUse::Pictures, numbered(outDir, "aligned_overlay_", frame.number, ".png"),
+        write(DiskUse::Pictures, numbered(outDir, "aligned_overlay_", frame.label, ".png"),
               overlayDepth(picture, metres, range));
       }
     }
 
-    if (cloudEvery > 0 && done % cloudEvery == 0) {
+    const bool cloudDue = cloudEvery > 0 && done % cloudEvery == 0;
+    if (cloudDue || (!mapPath.empty() && posed)) {
       LumoMap map{};
       map.points = buffers.cloud.data();
-      if (KORV_LUMO_D_GetPointcloud(handle.get(), &map, buffers.cloudCapacity) == 0 && map.timestamp == timestamp) {
-        const std::string pcd = numbered(outDir, "cloud_", frame.number, ".pcd");
-        const std::string ply = numbered(outDir, "cloud_", frame.number, ".ply");
-        writePcd(pcd, map.points, map.num, pcdData);
-        writePly(ply, map.points, map.num);
+      const bool got =
+          KORV_LUMO_D_GetPointcloud(handle.get(), &map, buffers.cloudCapacity) == 0 && map.timestamp == timestamp;
+      if (got && !mapPath.empty() && posed) voxelMap.add(map.points, map.num);
+      if (got && cloudDue) {
+        const std::string pcd = numbered(outDir, "cloud_", frame.label, ".pcd");
+        const std::string ply = numbered(outDir, "cloud_", frame.label, ".ply");
+        atomically(pcd, [&](const std::string& partial) { writePcd(partial, map.points, map.num, pcdData); });
+        atomically(ply, [&](const std::string& partial) { writePly(partial, map.points, map.num); });
         disk.add(DiskUse::Clouds, pcd);
         disk.add(DiskUse::Clouds, ply);
         ++clouds;
@@ -345,12 +465,24 @@ int runCommand(const Args& args) {
     throw ToolError(missingColour > 0 ? "alignment is on but '" + input + "' has no colour_N.png for its frames"
                                       : "no depth for any frame of '" + input + "'");
   }
+  if (!mapPath.empty() && voxelMap.size() == 0) {
+    throw ToolError("no world-frame points for the map: no frame had both depth and a pose");
+  }
+  if (!mapPath.empty()) voxelMap.writePly(mapPath);
   double busy = 0.0;
   for (double ms : latencies) busy += ms;
   std::printf("lumetra-depth run: %s -> %s\n", source.describe().c_str(), outDir.c_str());
   std::printf("  frames             %d with depth", done);
   if (dropped > 0) std::printf(", %d without (%d lacked a colour frame)", dropped, missingColour);
-  std::printf("\n  throughput         %.1f frames/s in the library, %.1f frames/s with file output\n",
+  std::printf("\n");
+  if (source.recording()) {
+    std::printf("  time stamps        nanoseconds from the recording, in the output names\n");
+    if (source.unpairedLeft() + source.unpairedRight() > 0) {
+      std::printf("  unpaired views     %d of cam0 and %d of cam1 without the other camera's time stamp, skipped\n",
+                  source.unpairedLeft(), source.unpairedRight());
+    }
+  }
+  std::printf("  throughput         %.1f frames/s in the library, %.1f frames/s with file output\n",
               1000.0 * done / busy, done / wall);
   std::printf("  latency            median %.1f ms, 95th percentile %.1f ms (%s feed until depth)\n",
               percentile(latencies, 0.5), percentile(latencies, 0.95), s.asyncMode ? "asynchronous" : "synchronous");
@@ -363,7 +495,20 @@ int runCommand(const Args& args) {
   if (messages.count > 0) {
     std::printf("  library messages   %d, the first: %s\n", messages.count, messages.first.c_str());
   }
-  if (s.pointcloudType == 2 && poses.empty()) {
+  if (trajectory) {
+    std::printf("  poses              %d frames placed by %s%s, %d without a pose\n", done + dropped - withoutPose,
+                options.text("poses").c_str(),
+                throughImu ? " (body poses through cam0's T_cam_imu)" : " (taken as left-camera poses: no T_cam_imu)",
+                withoutPose);
+  }
+  if (!mapPath.empty()) {
+    const std::array<float, 6> e = voxelMap.extent();
+    std::printf("  map                %zu points in %.1f cm voxels -> %s\n", voxelMap.size(), 100.0 * mapVoxel,
+                mapPath.c_str());
+    std::printf("  map extent         x %.2f to %.2f, y %.2f to %.2f, z %.2f to %.2f\n", e[0], e[3], e[1], e[4], e[2],
+                e[5]);
+  }
+  if (s.pointcloudType == 2 && poses.empty() && !trajectory) {
     std::printf("  note               no poses.txt beside the frames: world-frame clouds stay empty\n");
   }
   if (resizedColour) std::printf("  note               colour frames resized to the configured colour camera size\n");

@@ -8,9 +8,11 @@
 #include <utility>
 #include <vector>
 
+#include "AslCalibration.h"
 #include "Commands.h"
 #include "Options.h"
 #include "ToolError.h"
+#include "synth/SyntheticAsl.h"
 #include "synth/SyntheticBoxes.h"
 #include "synth/SyntheticStereo.h"
 
@@ -45,12 +47,18 @@ const char* const kHelp =
     "  --colour           add a colour camera and align depth with it\n"
     "  --moving           the camera drifts and turns, the sphere moves\n"
     "  --seed N           texture seed (default 1)\n"
+    "  --layout asl       a recording in the EuRoC-style layout instead: the camera\n"
+    "                     moves through a still scene; DIR/mav0/cam0, cam1 (data.csv,\n"
+    "                     data/<ns>.png, sensor.yaml with the IMU off camera 0),\n"
+    "                     DIR/mav0/state_groundtruth_estimate0/data.csv (the body's\n"
+    "                     trajectory), DIR/camchain.yaml (as 'calib' writes it) and\n"
+    "                     DIR/config.yaml with world-frame clouds (pointcloud_type: 2)\n"
     "  --supersample N    rays per pixel and axis, for anti-aliasing (default 2)\n";
 
 // The colour camera keeps the stereo width with a 16:9 picture.
 int colourHeight(int width) { return 2 * static_cast<int>(std::lround(width * 9.0 / 32.0)); }
 
-std::string configText(int width, int height, double scale, bool colour, int colourWidth) {
+std::string configText(int width, int height, double scale, bool colour, int colourWidth, bool recording) {
   char number[32];
   const auto text = [&](double value) {
     std::snprintf(number, sizeof(number), "%g", value);
@@ -60,7 +68,7 @@ std::string configText(int width, int height, double scale, bool colour, int col
   const std::vector<std::pair<std::string, std::string>> lines = {
       {"enable_module: 1", ""},
       {"model_path: \"\"", "not used by the stereo matcher"},
-      {"calib_path: calib.yaml", "relative to this file"},
+      {recording ? "calib_path: camchain.yaml" : "calib_path: calib.yaml", "relative to this file"},
       {"input_stereo_width: " + std::to_string(width), "one view of the stacked frame"},
       {"input_stereo_height: " + std::to_string(height), ""},
       {"stereo_img_scaling: " + text(scale), "matching size / input size"},
@@ -74,13 +82,17 @@ std::string configText(int width, int height, double scale, bool colour, int col
       {"enable_filter: false", "on a moving camera the filters cost accuracy"},
       {"wls_filter: false", "slower, and no more accurate on these scenes"},
       {"depth_mode: 0", ""},
-      {"enable_voxel: true", ""},
+      {recording ? "enable_voxel: false" : "enable_voxel: true",
+       recording ? "whole clouds for the map, which pools them itself" : ""},
       {"voxelSize: 0.05", "metres"},
       {"minPoints: 3", "fewer points in a voxel are dropped as noise"},
-      {"pointcloud_type: 0", "points in the rectified left camera frame"},
+      {recording ? "pointcloud_type: 2" : "pointcloud_type: 0",
+       recording ? "points in the world frame, by the pose fed with each frame"
+                 : "points in the rectified left camera frame"},
       {"pointcloud_ROI: 1.0", ""},
       {"skip_point: 1", "every other row and column"},
-      {"farthest_dist: 12.0", "metres"},
+      {recording ? "farthest_dist: 4.0" : "farthest_dist: 12.0",
+       recording ? "metres: the map keeps what the rig measures within a centimetre or two" : "metres"},
       {"cloest_dist: 0.2", "metres (the key is spelt so)"},
       {"restore_depth_dim: 1", "depth at the input size"},
       {"debug_image: 0", ""},
@@ -97,10 +109,48 @@ std::string configText(int width, int height, double scale, bool colour, int col
   return out;
 }
 
+void writeText(const std::filesystem::path& path, const std::string& text) {
+  std::ofstream file(path, std::ios::binary);
+  file << text;
+  if (!file) throw ToolError("cannot write '" + path.string() + "'");
+}
+
+// A camera moving through a still scene, recorded as the data sets lay it out.
+int synthRecording(const Options& options, const std::string& out, int frames, int width, int height, double scale,
+                   int seed, int supersample) {
+  const LumoSynth::Rig rig =
+      options.has("fisheye") ? LumoSynth::fisheyeRig(width, height) : LumoSynth::pinholeRig(width, height);
+  const LumoSynth::Scene scene = LumoSynth::roamingScene(static_cast<std::uint32_t>(seed));
+  const std::filesystem::path root(out), mav0 = root / "mav0";
+  std::error_code error;
+  std::filesystem::create_directories(mav0, error);
+  if (error) throw ToolError("cannot create '" + mav0.string() + "': " + error.message());
+  LumoSynth::AslOptions asl;
+  asl.supersample = supersample;
+  try {
+    LumoSynth::writeAslSequence(mav0.string(), rig, scene, frames, asl);
+  } catch (const std::runtime_error& e) {
+    throw ToolError(e.what());
+  }
+  // The calibration a user makes with 'calib', from the files just written.
+  writeText(root / "camchain.yaml", camchainFromAsl(mav0.string()));
+  writeText(root / "config.yaml", configText(width, height, scale, false, width, true));
+  writeText(root / "synth.yaml", "# What 'lumetra-depth synth' rendered here, for 'eval' of a map.\nlayout: asl\n"
+                                 "scene: roaming\nseed: " + std::to_string(seed) + "\n");
+  std::printf("wrote a recording of %d frames of %dx%d (%s rig, camera moving through a still scene) to %s\n",
+              frames, width, height, options.has("fisheye") ? "fisheye" : "pinhole", mav0.string().c_str());
+  std::printf("next: lumetra-depth calib %s > %s\n", mav0.string().c_str(), (root / "camchain.yaml").string().c_str());
+  std::printf("      lumetra-depth run %s %s --out OUTDIR --poses %s --map %s\n",
+              (root / "config.yaml").string().c_str(), mav0.string().c_str(),
+              (mav0 / "state_groundtruth_estimate0" / "data.csv").string().c_str(), (root / "map.ply").string().c_str());
+  std::printf("      lumetra-depth eval %s %s\n", (root / "map.ply").string().c_str(), out.c_str());
+  return 0;
+}
+
 }  // namespace
 
 int synthCommand(const Args& args) {
-  const Options options(args, {"out", "frames", "width", "height", "scale", "seed", "supersample"},
+  const Options options(args, {"out", "frames", "width", "height", "scale", "seed", "supersample", "layout"},
                         {"fisheye", "colour", "moving"});
   if (options.help()) {
     std::fputs(kHelp, stdout);
@@ -117,6 +167,12 @@ int synthCommand(const Args& args) {
   const int supersample = options.integer("supersample", 2, 1, 8);
   const bool colour = options.has("colour");
   if (width % 2 != 0 || height % 2 != 0) throw UsageError("--width and --height must be even");
+  const std::string layout = options.text("layout", "stacked");
+  if (layout != "stacked" && layout != "asl") throw UsageError("--layout takes stacked or asl, not '" + layout + "'");
+  if (layout == "asl") {
+    if (colour || options.has("moving")) throw UsageError("--layout asl takes neither --colour nor --moving");
+    return synthRecording(options, out, frames, width, height, scale, seed, supersample);
+  }
 
   LumoSynth::Rig rig = options.has("fisheye") ? LumoSynth::fisheyeRig(width, height)
                                               : LumoSynth::pinholeRig(width, height);
@@ -138,7 +194,7 @@ int synthCommand(const Args& args) {
   }
   const std::string configPath = (std::filesystem::path(out) / "config.yaml").string();
   std::ofstream config(configPath);
-  config << configText(width, height, scale, colour, width);
+  config << configText(width, height, scale, colour, width, false);
   if (!config) throw ToolError("cannot write '" + configPath + "'");
 
   const LumoSynth::Rectification rect = LumoSynth::rectification(rig, scale);

@@ -22,6 +22,7 @@ const char* const kUsage =
     "  eval    compare computed depth with ground truth\n"
     "  info    show a configuration, its rectification, and settings that look wrong\n"
     "  objects place detected objects (boxes per frame) in 3-D with the depth of a run\n"
+    "  calib   the calibration file of a recording in the EuRoC-style folder layout\n"
     "\n"
     "'lumetra-depth COMMAND --help' describes a command. A typical session:\n"
     "  lumetra-depth synth --out sample --moving\n"
@@ -56,6 +57,7 @@ int main(int argc, char** argv) {
     if (command == "eval") return LumoTool::evalCommand(args);
     if (command == "info") return LumoTool::infoCommand(args);
     if (command == "objects") return LumoTool::objectsCommand(args);
+    if (command == "calib") return LumoTool::calibCommand(args);
     std::fprintf(stderr, "lumetra-depth: unknown command '%s' (try 'lumetra-depth --help')\n", command.c_str());
     return 2;
   } catch (const LumoTool::UsageError& e) {

@@ -118,11 +118,35 @@ Scene movingScene(std::uint32_t seed) {
   return s;
 }
 
-Eigen::Isometry3d leftPose(const Scene& scene, int frame) {
+Scene roamingScene(std::uint32_t seed) {
+  Scene s = movingScene(seed);
+  s.spheres[0].velocity = Eigen::Vector3d::Zero();
+  return s;
+}
+
+Eigen::Isometry3d leftPose(const Scene& scene, int frame) { return leftPoseAt(scene, frame); }
+
+Eigen::Isometry3d leftPoseAt(const Scene& scene, double frame) {
   Eigen::Isometry3d T = Eigen::Isometry3d::Identity();
   T.linear() = Eigen::AngleAxisd(frame * scene.cameraYawStep, Eigen::Vector3d::UnitY()).toRotationMatrix();
   T.translation() = frame * scene.cameraStep;
   return T;
+}
+
+double surfaceDistance(const Scene& scene, int frame, const Eigen::Vector3d& point) {
+  double best = std::numeric_limits<double>::infinity();
+  for (const Plane& p : scene.planes) best = std::min(best, std::abs(p.normal.dot(point) - p.offset));
+  for (const Box& b : scene.boxes) {
+    // Outside: distance to the box; inside: distance to the nearest face.
+    const Eigen::Vector3d q = b.rotation.transpose() * (point - b.centre - frame * b.velocity);
+    const Eigen::Vector3d d = q.cwiseAbs() - b.halfSize;
+    const double outside = d.cwiseMax(0.0).norm();
+    best = std::min(best, outside > 0.0 ? outside : -d.maxCoeff());
+  }
+  for (const Sphere& s : scene.spheres) {
+    best = std::min(best, std::abs((point - s.centre - frame * s.velocity).norm() - s.radius));
+  }
+  return best;
 }
 
 SceneView::SceneView(const Scene& scene, int frame, const Eigen::Isometry3d& T_world_cam)

@@ -73,9 +73,19 @@ Scene defaultScene(std::uint32_t seed = 1);
 // of yaw per frame) and the sphere moving 3 cm per frame to the left.
 Scene movingScene(std::uint32_t seed = 1);
 
+// defaultScene with the camera drifting as in movingScene but every object
+// still: a scene that can be mapped, whose surfaces stay where they are.
+Scene roamingScene(std::uint32_t seed = 1);
+
 // Pose of the left camera at a frame: T_world_left, maps left-camera points
 // into the world frame. Identity at frame 0.
 Eigen::Isometry3d leftPose(const Scene& scene, int frame);
+// The same between frames (the motion is uniform, so this is exact).
+Eigen::Isometry3d leftPoseAt(const Scene& scene, double frame);
+
+// Distance from a world point to the nearest surface of the scene at a frame
+// (planes, box faces, sphere shells), metres.
+double surfaceDistance(const Scene& scene, int frame, const Eigen::Vector3d& point);
 
 // Nearest surface along a ray; filled by SceneView::intersect and valid
 // while that view lives (it points into the view).
