@@ -19,6 +19,7 @@
 #include <Eigen/Geometry>
 
 #include "AslCalibration.h"
+#include "AtomicWrite.h"
 #include "CloudFiles.h"
 #include "Commands.h"
 #include "ConfigCheck.h"
@@ -136,28 +137,8 @@ std::string numbered(const std::string& dir, const char* prefix, const std::stri
   return (std::filesystem::path(dir) / (prefix + label + extension)).string();
 }
 
-// Writes through a hidden name in the same folder, then renames: a run that
-// is stopped leaves no half-written file under a final name.
-template <class Write>
-void atomically(const std::string& path, Write write) {
-  const std::filesystem::path final(path);
-  const std::string partial = (final.parent_path() / ("." + final.filename().string())).string();
-  std::error_code error;
-  try {
-    write(partial);
-  } catch (const ToolError&) {
-    std::filesystem::remove(partial, error);
-    throw ToolError("cannot write '" + path + "'");
-  }
-  std::filesystem::rename(partial, final, error);
-  if (error) {
-    std::filesystem::remove(partial, error);
-    throw ToolError("cannot write '" + path + "': " + error.message());
-  }
-}
-
 void writeImage(const std::string& path, const cv::Mat& image) {
-  atomically(path, [&](const std::string& partial) {
+  writeAtomically(path, [&](const std::string& partial) {
     if (!cv::imwrite(partial, image)) throw ToolError("cannot write '" + path + "'");
   });
 }
@@ -407,8 +388,8 @@ int runCommand(const Args& args) {
     if (!range.valid()) range = depthRangeOf(metres);
     const std::string tiff = numbered(outDir, "depth_", frame.label, ".tiff");
     const std::string png = numbered(outDir, "depth_", frame.label, ".png");
-    atomically(tiff, [&](const std::string& partial) { writeDepthTiff(partial, metres); });
-    atomically(png, [&](const std::string& partial) { writeDepthPng(partial, metres); });
+    writeAtomically(tiff, [&](const std::string& partial) { writeDepthTiff(partial, metres); });
+    writeAtomically(png, [&](const std::string& partial) { writeDepthPng(partial, metres); });
     disk.add(DiskUse::Depth, tiff);
     disk.add(DiskUse::Depth, png);
     write(DiskUse::Pictures, numbered(outDir, "depth_colour_", frame.label, ".png"), colouriseDepth(metres, range));
@@ -445,8 +426,8 @@ int runCommand(const Args& args) {
       if (got && cloudDue) {
         const std::string pcd = numbered(outDir, "cloud_", frame.label, ".pcd");
         const std::string ply = numbered(outDir, "cloud_", frame.label, ".ply");
-        atomically(pcd, [&](const std::string& partial) { writePcd(partial, map.points, map.num, pcdData); });
-        atomically(ply, [&](const std::string& partial) { writePly(partial, map.points, map.num); });
+        writeAtomically(pcd, [&](const std::string& partial) { writePcd(partial, map.points, map.num, pcdData); });
+        writeAtomically(ply, [&](const std::string& partial) { writePly(partial, map.points, map.num); });
         disk.add(DiskUse::Clouds, pcd);
         disk.add(DiskUse::Clouds, ply);
         ++clouds;

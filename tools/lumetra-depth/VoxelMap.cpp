@@ -8,6 +8,7 @@
 #include <system_error>
 #include <vector>
 
+#include "AtomicWrite.h"
 #include "CloudFiles.h"
 #include "ToolError.h"
 
@@ -57,20 +58,9 @@ void VoxelMap::writePly(const std::string& path) const {
     points.push_back(static_cast<float>(s.y / s.count));
     points.push_back(static_cast<float>(s.z / s.count));
   }
-  const std::filesystem::path final(path);
-  const std::string partial = (final.parent_path() / ("." + final.filename().string() + ".part")).string();
-  std::error_code error;
-  try {
+  writeAtomically(path, [&](const std::string& partial) {
     LumoTool::writePly(partial, points.data(), static_cast<int>(sorted.size()));
-  } catch (const ToolError&) {
-    std::filesystem::remove(partial, error);
-    throw ToolError("cannot write '" + path + "'");
-  }
-  std::filesystem::rename(partial, final, error);
-  if (error) {
-    std::filesystem::remove(partial, error);
-    throw ToolError("cannot write '" + path + "': " + error.message());
-  }
+  });
 }
 
 }  // namespace LumoTool
