@@ -121,8 +121,15 @@ TEST(AlignImageTest, BothDirectionsMatchThePlainReference) {
     depth[5] = std::numeric_limits<float>::infinity();
     const LumoDepthImage in = LumoTest::wrapDepth(depth, W, H, 4242);
     const std::vector<float> expected = refDepthToOther(rig, depth, OW * (OH / 2));
-    for (int threads : {1, 4}) {  // the result does not depend on how rows are split
-      cv::setNumThreads(threads);
+    // The result does not depend on how rows are split. ThreadSanitizer's
+    // build holds OpenCV serial (its pool is not instrumented) and keeps it so.
+#if defined(__SANITIZE_THREAD__)
+    const std::vector<int> counts = {1};
+#else
+    const std::vector<int> counts = {1, 4};
+#endif
+    for (int threads : counts) {
+      if (counts.size() > 1) cv::setNumThreads(threads);
       AlignImage align;
       align.setAlignInfo(rig.depth, rig.other, rig.depthToOther);
       std::vector<float> got(OW * OH, 9.0f);
@@ -143,7 +150,7 @@ TEST(AlignImageTest, BothDirectionsMatchThePlainReference) {
         EXPECT_EQ(have, refOtherToDepth(rig, depth, other, bytes)) << "format " << format << " threads " << threads;
       }
     }
-    cv::setNumThreads(-1);
+    if (counts.size() > 1) cv::setNumThreads(-1);
   }
 }
 
