@@ -236,6 +236,7 @@ void StereoCVEngine::inferLoop() {
     try {
       matchFrame(workingFrame_);
       resultReady_.store(true);
+      announceResult();
     } catch (const std::exception& e) {
       logErrorf("inferLoop", "frame %llu dropped: %s\n", static_cast<unsigned long long>(workingFrame_->timestamp),
                 oneLine(e.what()).c_str());

@@ -1,10 +1,12 @@
 // The interface through which the pipeline feeds stereo frames to a matcher
-// and polls it for results. Implementations run their own worker thread; the
+// and collects its results. Implementations run their own worker thread; the
 // status queries may be called from any thread without a lock.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <functional>
+#include <utility>
 
 #include "lumetra_depth.h"
 
@@ -29,6 +31,18 @@ class StereoEngineBase {
   virtual int feedImage(LumoImage* image) = 0;
   virtual int getImageScale(float* scale) const = 0;
   virtual bool isInitialized() const = 0;
+
+  // Called on the worker's thread each time a result becomes ready, so that
+  // the collector can sleep until then. Set before the first frame is fed.
+  void setResultListener(std::function<void()> listener) { resultListener_ = std::move(listener); }
+
+ protected:
+  void announceResult() const {
+    if (resultListener_) resultListener_();
+  }
+
+ private:
+  std::function<void()> resultListener_;
 };
 
 }  // namespace KorvLumetra

@@ -20,7 +20,6 @@
 #include "api/DebugDump.h"
 #include "api/ErrorLog.h"
 #include "engine/FrameRecords.h"
-#include "pipeline/PollSleep.h"
 
 namespace KorvLumetra {
 
@@ -78,6 +77,11 @@ void StereoDepth::stopThreads() {
     newFrame_.store(0);
   }
   frameCondition_.notify_all();
+  {
+    std::lock_guard<std::mutex> lock(engineReadyMutex_);
+    engineReady_ = true;  // wakes the result thread to see the stop
+  }
+  engineReadyCondition_.notify_all();
   if (resultThread_.joinable()) resultThread_.join();
   {
     std::lock_guard<std::mutex> lock(engineMutex_);
@@ -111,6 +115,13 @@ void StereoDepth::freeBuffers() {
 
 void StereoDepth::addEngine(std::unique_ptr<StereoEngineBase> engine) {
   if (engine == nullptr) return;
+  engine->setResultListener([this] {
+    {
+      std::lock_guard<std::mutex> lock(engineReadyMutex_);
+      engineReady_ = true;
+    }
+    engineReadyCondition_.notify_one();
+  });
   std::lock_guard<std::mutex> lock(engineMutex_);
   engines_.push_back(std::move(engine));
 }
@@ -340,42 +351,56 @@ void StereoDepth::handToEngine() {
 }
 
 void StereoDepth::updateResult() {
+  bool collected = false;
   while (running_.load() != 0) {
-    sleepNanos(500000);
+    // After a result, look again at once: another engine may be ready too.
+    if (!collected) waitForEngineResult();
     // An exception must not end the host: the result is dropped, the thread goes on.
     try {
-      resultCycle();
+      collected = resultCycle();
     } catch (const std::exception& e) {
+      collected = false;
       logErrorf("updateResult", "result dropped: %s\n", oneLine(e.what()).c_str());
     } catch (...) {
+      collected = false;
       logError("updateResult", "result dropped: unknown exception");
     }
   }
 }
 
+// Sleeps until an engine announces a result (or the pipeline stops). The
+// announcement stays set if it came while this thread was busy; a short
+// timeout keeps the thread looking even if an engine never announces.
+void StereoDepth::waitForEngineResult() {
+  std::unique_lock<std::mutex> lock(engineReadyMutex_);
+  engineReadyCondition_.wait_for(lock, std::chrono::milliseconds(20), [this] { return engineReady_; });
+  engineReady_ = false;
+}
+
 // One result, stage by stage. The result mutex is held twice: around the
 // retrieval and filtering, and around the registration, the resizing and the
 // dumps; the point cloud takes it itself in between.
-void StereoDepth::resultCycle() {
+bool StereoDepth::resultCycle() {
   std::unique_lock<std::mutex> engineLock(engineMutex_);
   StereoEngineBase* engine = pickReadyEngine();
-  if (engine == nullptr) return;
+  if (engine == nullptr) return false;
   {
     std::lock_guard<std::mutex> resultLock(resultMutex_);
     const bool collected = collectResult(*engine);
     engineLock.unlock();
-    if (!collected) return;
+    if (!collected) return true;
     filterDepth();
     publishResult();
   }
   generatePointCloud();
   std::unique_lock<std::mutex> resultLock(resultMutex_, std::defer_lock);
   const LumoDepthImage* output = alignWithColour(resultLock);
-  if (output == nullptr) return;
+  if (output == nullptr) return true;
   restoreResultsSize(*output);
   dumpResult();
   resultLock.unlock();
   resultCondition_.notify_all();
+  return true;
 }
 
 // With the engine mutex: the ready engine with the oldest result, the lowest

@@ -115,7 +115,8 @@ class StereoDepth {
   void handToEngine();
   // The result thread's stages.
   void updateResult();
-  void resultCycle();
+  void waitForEngineResult();
+  bool resultCycle();
   StereoEngineBase* pickReadyEngine();
   bool collectResult(StereoEngineBase& engine);
   void filterDepth();
@@ -193,6 +194,9 @@ class StereoDepth {
   // Engines.
   std::mutex engineMutex_;
   std::vector<std::unique_ptr<StereoEngineBase>> engines_;
+  std::mutex engineReadyMutex_;
+  std::condition_variable engineReadyCondition_;  // an engine has a result (the result thread waits)
+  bool engineReady_ = false;                      // with engineReadyMutex_
 
   // Results.
   std::mutex resultMutex_;

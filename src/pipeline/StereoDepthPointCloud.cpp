@@ -36,10 +36,17 @@ void roiRange(int size, float roi, int* begin, int* end) {
 
 // A floored quotient as a voxel index; values with no int32 (NaN points are
 // kept on purpose) take INT32_MIN, what the x86 conversion yields for them.
-int32_t voxelIndex(float quotient) {
-  const float floored = std::floor(quotient);
-  if (!(floored >= -2147483648.0f && floored < 2147483648.0f)) return INT32_MIN;
-  return static_cast<int32_t>(floored);
+// The floor comes from truncation, one step down for negative fractions: the
+// same integer as std::floor, which baseline x86-64 has no instruction for.
+inline int32_t voxelIndex(float quotient) {
+  if (!(quotient >= -2147483648.0f && quotient < 2147483648.0f)) return INT32_MIN;
+  const int32_t truncated = static_cast<int32_t>(quotient);
+  return static_cast<float>(truncated) > quotient ? truncated - 1 : truncated;
+}
+
+// The first multiple of `step` at or after `begin` (begin >= 0).
+int64_t firstSample(int begin, int64_t step) {
+  return (begin + step - 1) / step * step;
 }
 
 float* allocateFloats(std::size_t count) {
@@ -221,23 +228,23 @@ void StereoDepth::generatePointCloud() {
   // The sampling grid is anchored at the image origin, not at the region.
   const int64_t step = skipPoint_ >= 0 ? int64_t{skipPoint_} + 1 : 1;
   const float* depth = depth_->data;
+  const float farthest = farthestDist_;
+  const float closest = cloestDist_;
   float* out = pointBuffer_;
-  for (int row = rowBegin; row < rowEnd; ++row) {
-    if (row % step != 0) continue;
-    for (int column = columnBegin; column < columnEnd; ++column) {
-      if (column % step != 0) continue;
-      const std::size_t index = static_cast<std::size_t>(row) * W + column;
+  for (int64_t row = firstSample(rowBegin, step); row < rowEnd; row += step) {
+    for (int64_t column = firstSample(columnBegin, step); column < columnEnd; column += step) {
+      const std::size_t index = static_cast<std::size_t>(row) * W + static_cast<std::size_t>(column);
       const float d = depth[index];
       // NaN passes both tests and is kept on purpose.
-      if (d > farthestDist_ || d < cloestDist_) continue;
+      if (d > farthest || d < closest) continue;
       const float* ray = rayTable_ + 3 * index;
       out[0] = ray[0] * d;
       out[1] = ray[1] * d;
       out[2] = d * ray[2];
       out += 3;
-      ++pointCount_;
     }
   }
+  pointCount_ = static_cast<int>((out - pointBuffer_) / 3);
 
   if (pointcloudType_ == 2) {
     std::lock_guard<std::mutex> poseLock(poseMutex_);
@@ -276,9 +283,10 @@ void StereoDepth::generatePointCloud() {
 
   if (enableVoxel_) {
     voxelTable_.clear();
-    for (int i = 0; i < pointCount_; ++i) {
-      const float* p = pointBuffer_ + 3 * static_cast<std::size_t>(i);
-      voxelTable_.add({voxelIndex(p[0] / voxelSize_), voxelIndex(p[1] / voxelSize_), voxelIndex(p[2] / voxelSize_)});
+    const float edge = voxelSize_;
+    const float* end = pointBuffer_ + 3 * static_cast<std::size_t>(pointCount_);
+    for (const float* p = pointBuffer_; p != end; p += 3) {
+      voxelTable_.add({voxelIndex(p[0] / edge), voxelIndex(p[1] / edge), voxelIndex(p[2] / edge)});
     }
     // The centre of each kept cell, not the mean of its points, in the order
     // the cells were first met.
