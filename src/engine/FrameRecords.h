@@ -36,9 +36,10 @@ void deleteRecord(Record*& record) {
   record = nullptr;
 }
 
-// Copies every header field and `size` bytes of data, keeping dst's buffer.
+// Copies the header fields that describe the frame: tags, time stamp, shape,
+// format and size; not the stride, which belongs to the element type.
 template <typename Dst, typename Src>
-void copyRecord(Dst* dst, const Src* src) {
+void copyHeader(Dst* dst, const Src* src) {
   dst->tag0 = src->tag0;
   dst->tag1 = src->tag1;
   dst->timestamp = src->timestamp;
@@ -46,8 +47,14 @@ void copyRecord(Dst* dst, const Src* src) {
   dst->height = src->height;
   dst->channels = src->channels;
   dst->format = src->format;
-  dst->stride = src->stride;
   dst->size = src->size;
+}
+
+// Copies every header field and `size` bytes of data, keeping dst's buffer.
+template <typename Dst, typename Src>
+void copyRecord(Dst* dst, const Src* src) {
+  copyHeader(dst, src);
+  dst->stride = src->stride;
   std::memcpy(dst->data, src->data, src->size);
 }
 

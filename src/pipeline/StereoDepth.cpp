@@ -301,12 +301,7 @@ void StereoDepth::rectifyViews(const LumoImage& frame) {
   const std::size_t halfBytes = static_cast<std::size_t>(cols) * rows * channels;
   const uint8_t* views = channels == 1 ? frame.data : unrectifiedViews_->data;
   std::lock_guard<std::mutex> lock(rectifyMutex_);
-  rectified_->tag0 = frame.tag0;
-  rectified_->tag1 = frame.tag1;
-  rectified_->timestamp = frame.timestamp;
-  rectified_->width = frame.width;
-  rectified_->height = frame.height;
-  rectified_->format = frame.format;
+  copyHeader(rectified_, &frame);
   rectified_->stride = frame.stride;
   rectified_->channels = channels;
   rectified_->size = frame.width * frame.height * channels;
@@ -444,14 +439,7 @@ void StereoDepth::filterDepth() {
 // With the result mutex: the disparity record's header follows the depth's,
 // and the result counts.
 void StereoDepth::publishResult() {
-  disparity_->channels = depth_->channels;
-  disparity_->height = depth_->height;
-  disparity_->width = depth_->width;
-  disparity_->size = depth_->size;
-  disparity_->timestamp = depth_->timestamp;
-  disparity_->tag0 = depth_->tag0;
-  disparity_->tag1 = depth_->tag1;
-  disparity_->format = depth_->format;
+  copyHeader(disparity_, depth_);
   ++depthResultCount_;
 }
 
