@@ -21,10 +21,11 @@
 
 namespace {
 
-// A rendered grey frame and a configuration per input size, made once.
+// A rendered frame, grey and colour, and a configuration per input size, made once.
 struct Fixture {
   LumoTest::TempDir dir;
   cv::Mat grey;
+  cv::Mat colour;
 };
 
 const Fixture& fixture(int width, int height) {
@@ -36,6 +37,7 @@ const Fixture& fixture(int width, int height) {
     LumoSynth::writeCalibrationYaml(slot->dir.file("calib.yaml"), rig);
     const cv::Mat stacked = LumoSynth::renderStereo(LumoSynth::makeRenderer(rig, 1), LumoSynth::defaultScene(), 0);
     cv::cvtColor(stacked, slot->grey, cv::COLOR_BGR2GRAY);
+    slot->colour = stacked;
   }
   return *slot;
 }
@@ -50,28 +52,32 @@ void* createHandle(const Fixture& f, int width, int height, double scale, int as
       .set("stereo_img_scaling", std::to_string(scale))
       .set("async_mode", std::to_string(async))
       .set("thread_num", std::to_string(threads))
+      // The work a host usually asks for: both filters and a cloud per frame.
+      .set("enable_filter", "true")
+      .set("pointcloud_type", "1")
       .write(path);
   void* handle = nullptr;
   KORV_LUMO_D_CreateHandleWithConfig(&handle, path.c_str());
   return handle;
 }
 
-LumoImage frameOf(const cv::Mat& grey, uint64_t timestamp) {
+LumoImage frameOf(const cv::Mat& stacked, uint64_t timestamp) {
   LumoImage frame{};
   frame.timestamp = timestamp;
-  frame.width = static_cast<uint32_t>(grey.cols);
-  frame.height = static_cast<uint32_t>(grey.rows);
-  frame.channels = 1;
-  frame.stride = frame.width;
-  frame.size = frame.width * frame.height;
-  frame.data = grey.data;
+  frame.width = static_cast<uint32_t>(stacked.cols);
+  frame.height = static_cast<uint32_t>(stacked.rows);
+  frame.channels = static_cast<uint32_t>(stacked.channels());
+  frame.stride = frame.width * frame.channels;
+  frame.size = frame.stride * frame.height;
+  frame.data = stacked.data;
   return frame;
 }
 
-// Rectifying a stacked 3-channel pair with fixed-point maps, as the
+// Rectifying a stacked grey or 3-channel pair with fixed-point maps, as the
 // preprocessing thread does for every frame.
 void BM_Rectification(benchmark::State& state) {
   const int width = static_cast<int>(state.range(0)), height = static_cast<int>(state.range(1));
+  const int channels = static_cast<int>(state.range(2));
   const LumoSynth::Rig rig = LumoSynth::pinholeRig(width, height);
   const LumoSynth::Rectification rect = LumoSynth::rectification(rig, 1.0);
   cv::Mat map1[2], map2[2];
@@ -82,9 +88,8 @@ void BM_Rectification(benchmark::State& state) {
     cv::initUndistortRectifyMap(*intrinsics[i], LumoSynth::distCoeffs(rig.cameras[i]), *rotations[i],
                                 *projections[i], rect.size, CV_16SC2, map1[i], map2[i]);
   }
-  cv::Mat stacked;
-  cv::cvtColor(fixture(width, height).grey, stacked, cv::COLOR_GRAY2BGR);
-  cv::Mat rectified(stacked.size(), CV_8UC3);
+  const cv::Mat& stacked = channels == 1 ? fixture(width, height).grey : fixture(width, height).colour;
+  cv::Mat rectified(stacked.size(), stacked.type());
   const cv::Rect halves[2] = {cv::Rect(0, 0, width, height), cv::Rect(0, height, width, height)};
   for (auto _ : state) {
     for (int i = 0; i < 2; ++i) {
@@ -94,26 +99,32 @@ void BM_Rectification(benchmark::State& state) {
     benchmark::DoNotOptimize(rectified.data);
   }
 }
-BENCHMARK(BM_Rectification)->Args({640, 400})->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Rectification)->Args({640, 400, 1})->Args({640, 400, 3})->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Feed one frame synchronously and read its depth back.
+// Feed one frame (grey or colour) synchronously and read its depth back.
 void BM_PipelineSync(benchmark::State& state) {
   const int width = static_cast<int>(state.range(0)), height = static_cast<int>(state.range(1));
   const double scale = state.range(2) / 100.0;
   const Fixture& f = fixture(width, height);
+  const cv::Mat& stacked = state.range(3) == 1 ? f.grey : f.colour;
   void* handle = createHandle(f, width, height, scale, 0, 1);
   std::vector<float> depth(static_cast<size_t>(width) * height);
   LumoDepthImage record{};
   record.data = depth.data();
   uint64_t timestamp = 0;
   for (auto _ : state) {
-    LumoImage frame = frameOf(f.grey, ++timestamp);
+    LumoImage frame = frameOf(stacked, ++timestamp);
     if (KORV_LUMO_D_FeedStereoImage(handle, &frame) != 0) state.SkipWithError("synchronous feed timed out");
     KORV_LUMO_D_GetDepthImage(handle, &record, nullptr, nullptr);
   }
   KORV_LUMO_D_DestroyHandle(handle);
 }
-BENCHMARK(BM_PipelineSync)->Args({640, 400, 100})->Args({1280, 800, 50})->Unit(benchmark::kMillisecond)->UseRealTime();
+// Arguments: width, height, scaling in per cent, channels of the fed frame.
+BENCHMARK(BM_PipelineSync)
+    ->Args({640, 400, 100, 1})
+    ->Args({640, 400, 100, 3})
+    ->Args({1280, 800, 50, 1})
+    ->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // The engine alone at the working size, on the same (scaled) frame.
 void BM_EngineCompute(benchmark::State& state) {
@@ -183,13 +194,13 @@ BENCHMARK(BM_PipelineAsync)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
-LUMO_RATIO("rectification / bare SGBM, 640x400", "BM_Rectification/640/400/real_time",
+LUMO_RATIO("rectification / bare SGBM, 640x400", "BM_Rectification/640/400/1/real_time",
            "BM_BareSGBM/640/400/real_time");
-LUMO_RATIO("sync pipeline / bare SGBM, 640x400", "BM_PipelineSync/640/400/100/real_time",
+LUMO_RATIO("sync pipeline / bare SGBM, 640x400", "BM_PipelineSync/640/400/100/1/real_time",
            "BM_BareSGBM/640/400/real_time");
-LUMO_RATIO("sync pipeline / engine, 640x400 at 1.0", "BM_PipelineSync/640/400/100/real_time",
+LUMO_RATIO("sync pipeline / engine, 640x400 at 1.0", "BM_PipelineSync/640/400/100/1/real_time",
            "BM_EngineCompute/640/400/100/real_time");
-LUMO_RATIO("sync pipeline / engine, 1280x800 at 0.5", "BM_PipelineSync/1280/800/50/real_time",
+LUMO_RATIO("sync pipeline / engine, 1280x800 at 0.5", "BM_PipelineSync/1280/800/50/1/real_time",
            "BM_EngineCompute/1280/800/50/real_time");
 LUMO_RATIO("async 1 engine period / engine, 640x400", "BM_PipelineAsync/640/400/100/1/real_time",
            "BM_EngineCompute/640/400/100/real_time");
