@@ -98,6 +98,7 @@ long nowMs() {
 
 // What the feeders have handed over, what the getters have seen, and the failed checks.
 struct Shared {
+  // The flags are value-initialised: all zero.
   explicit Shared(int frames) : fed(static_cast<std::size_t>(frames)), seen(static_cast<std::size_t>(frames)) {}
   std::vector<std::atomic<uint8_t>> fed;   // set before the stereo feed of frame i
   std::vector<std::atomic<uint8_t>> seen;  // a getter read depth of frame i
