@@ -15,6 +15,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   YamlNode root;
   root.type = YamlNode::Map;
   root.parse(std::string(reinterpret_cast<const char*>(data), size), "fuzz");
+  const auto read = [](auto&& reader) {
+    try {
+      reader();
+    } catch (const std::logic_error&) {  // invalid_argument, out_of_range
+    }
+  };
   for (const auto& entry : root.map) {
     const std::string& key = entry.first;
     float f = 0.0f;
@@ -25,29 +31,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<int32_t> ints;
     const float defaultFloat = 1.0f;
     const int32_t defaultInt = 1;
-    try {
-      KorvLumetra::ParseYamlOrDefault(root, key, &f, &defaultFloat);
-    } catch (const std::logic_error&) {  // invalid_argument, out_of_range
-    }
-    try {
-      KorvLumetra::ParseYamlOrDefault(root, key, &i, &defaultInt);
-    } catch (const std::logic_error&) {
-    }
+    read([&] { KorvLumetra::ParseYamlOrDefault(root, key, &f, &defaultFloat); });
+    read([&] { KorvLumetra::ParseYamlOrDefault(root, key, &i, &defaultInt); });
     if (entry.second.type == YamlNode::Null) continue;  // a required reader would end the process
-    try {
-      KorvLumetra::CheckParseYaml(root, key, &b);
-      KorvLumetra::CheckParseYaml(root, key, &s);
-      KorvLumetra::CheckParseYaml(root, key, &f);
-    } catch (const std::logic_error&) {
-    }
-    try {
-      KorvLumetra::CheckParseYaml(root, key, &doubles);
-    } catch (const std::logic_error&) {
-    }
-    try {
-      KorvLumetra::CheckParseYaml(root, key, &ints);
-    } catch (const std::logic_error&) {
-    }
+    read([&] { KorvLumetra::CheckParseYaml(root, key, &b); });
+    read([&] { KorvLumetra::CheckParseYaml(root, key, &s); });
+    read([&] { KorvLumetra::CheckParseYaml(root, key, &f); });
+    read([&] { KorvLumetra::CheckParseYaml(root, key, &doubles); });
+    read([&] { KorvLumetra::CheckParseYaml(root, key, &ints); });
   }
   return 0;
 }

@@ -23,19 +23,19 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <Eigen/Geometry>
 #include <opencv2/core.hpp>
 
 #include "lumetra_depth.h"
+#include "support/HostConfig.h"
 #include "support/ShiftedPair.h"
 #include "synth/SyntheticStereo.h"
 
@@ -44,14 +44,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 struct Options {
-  int frames = 3000;
-  int getters = 3;
-  int width = 320;
-  int height = 200;
-  int colourWidth = 640;
-  int colourHeight = 360;
-  int framePeriodUs = 10000;
-  int alignDirection = 1;
+  int frames = 3000, getters = 3, width = 320, height = 200, colourWidth = 640, colourHeight = 360;
+  int framePeriodUs = 10000, alignDirection = 1;
   double timeLimit = 600.0;   // whole run, seconds
   double stallLimit = 30.0;   // seconds without a new depth frame while feeding
   double rssSlackMb = 24.0;   // allowed growth after warm-up; <= 0 reports only
@@ -62,33 +56,29 @@ constexpr uint64_t kBase = 1700000000000000000ull;
 constexpr uint64_t kStep = 33333333ull;
 constexpr int kRenderedFrames = 8;
 
-[[noreturn]] void usage(const char* program) {
-  std::fprintf(stderr,
-               "usage: %s [--frames N] [--getters N] [--width W] [--height H] [--frame-period-us US]\n"
-               "          [--align-direction 0|1] [--time-limit S] [--stall-limit S] [--rss-slack-mb MB]\n",
-               program);
-  std::exit(2);
-}
-
 Options parseOptions(int argc, char** argv) {
-  Options options;
-  for (int i = 1; i < argc; ++i) {
+  Options o;
+  const std::pair<const char*, int*> ints[] = {{"--frames", &o.frames}, {"--getters", &o.getters},
+                                               {"--width", &o.width}, {"--height", &o.height},
+                                               {"--frame-period-us", &o.framePeriodUs},
+                                               {"--align-direction", &o.alignDirection}};
+  const std::pair<const char*, double*> reals[] = {
+      {"--time-limit", &o.timeLimit}, {"--stall-limit", &o.stallLimit}, {"--rss-slack-mb", &o.rssSlackMb}};
+  bool ok = argc % 2 == 1;
+  for (int i = 1; ok && i + 1 < argc; i += 2) {
     const std::string name = argv[i];
-    if (i + 1 >= argc) usage(argv[0]);
-    const char* value = argv[++i];
-    if (name == "--frames") options.frames = std::atoi(value);
-    else if (name == "--getters") options.getters = std::atoi(value);
-    else if (name == "--width") options.width = std::atoi(value);
-    else if (name == "--height") options.height = std::atoi(value);
-    else if (name == "--frame-period-us") options.framePeriodUs = std::atoi(value);
-    else if (name == "--align-direction") options.alignDirection = std::atoi(value);
-    else if (name == "--time-limit") options.timeLimit = std::atof(value);
-    else if (name == "--stall-limit") options.stallLimit = std::atof(value);
-    else if (name == "--rss-slack-mb") options.rssSlackMb = std::atof(value);
-    else usage(argv[0]);
+    ok = false;
+    for (const auto& [flag, field] : ints) if (name == flag) *field = std::atoi(argv[i + 1]), ok = true;
+    for (const auto& [flag, field] : reals) if (name == flag) *field = std::atof(argv[i + 1]), ok = true;
   }
-  if (options.frames < 1 || options.getters < 1 || options.width < 16 || options.height < 16) usage(argv[0]);
-  return options;
+  if (!ok || o.frames < 1 || o.getters < 1 || o.width < 16 || o.height < 16) {
+    std::fprintf(stderr,
+                 "usage: %s [--frames N] [--getters N] [--width W] [--height H] [--frame-period-us US]\n"
+                 "          [--align-direction 0|1] [--time-limit S] [--stall-limit S] [--rss-slack-mb MB]\n",
+                 argv[0]);
+    std::exit(2);
+  }
+  return o;
 }
 
 double residentMb() {
@@ -100,34 +90,16 @@ double residentMb() {
   return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
 }
 
-double secondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
+double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+long nowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count();
 }
 
-// A failed check: counted, and the first few printed.
-class Failures {
- public:
-  void add(const std::string& what) {
-    const int n = count_.fetch_add(1) + 1;
-    if (n <= 10) {
-      std::lock_guard<std::mutex> lock(printMutex_);
-      std::printf("soak: FAIL %s\n", what.c_str());
-      std::fflush(stdout);
-    }
-  }
-  int count() const { return count_.load(); }
-
- private:
-  std::atomic<int> count_{0};
-  std::mutex printMutex_;
-};
-
-// What the feeders have handed over, and what the getters have seen.
+// What the feeders have handed over, what the getters have seen, and the failed checks.
 struct Shared {
-  explicit Shared(int frames) : fed(static_cast<std::size_t>(frames)), seen(static_cast<std::size_t>(frames)) {
-    for (auto& flag : fed) flag.store(0);
-    for (auto& flag : seen) flag.store(0);
-  }
+  // The flags are value-initialised: all zero.
+  explicit Shared(int frames) : fed(static_cast<std::size_t>(frames)), seen(static_cast<std::size_t>(frames)) {}
   std::vector<std::atomic<uint8_t>> fed;   // set before the stereo feed of frame i
   std::vector<std::atomic<uint8_t>> seen;  // a getter read depth of frame i
   std::atomic<int> colourFed{0};           // colour frames and poses fed so far
@@ -136,14 +108,25 @@ struct Shared {
   std::atomic<bool> done{false};
   std::atomic<long> depthReads{0}, cloudReads{0}, cloudPoints{0}, rectifiedReads{0}, coordinateReads{0};
   std::atomic<long> lastProgressMs{0};
-  Failures failures;
+  std::atomic<int> failures{0};
+  std::mutex printMutex;
 
-  // Index of the fed frame that carries `timestamp`, or -1.
-  int fedIndex(uint64_t timestamp) const {
-    if (timestamp < kBase || (timestamp - kBase) % kStep != 0) return -1;
+  // A failed check: counted, and the first few printed.
+  void fail(const std::string& what) {
+    if (failures.fetch_add(1) >= 10) return;
+    std::lock_guard<std::mutex> lock(printMutex);
+    std::printf("soak: FAIL %s\n", what.c_str());
+    std::fflush(stdout);
+  }
+
+  // Index of the fed frame that carries `timestamp`, or -1 (a failure named after `what`).
+  int fedIndex(uint64_t timestamp, const char* what) {
     const uint64_t index = (timestamp - kBase) / kStep;
-    if (index >= fed.size() || fed[index].load() == 0) return -1;
-    return static_cast<int>(index);
+    if (timestamp >= kBase && (timestamp - kBase) % kStep == 0 && index < fed.size() && fed[index].load() != 0) {
+      return static_cast<int>(index);
+    }
+    fail(std::string(what) + " time stamp " + std::to_string(timestamp) + " was never fed");
+    return -1;
   }
 };
 
@@ -154,10 +137,10 @@ struct Frames {
 };
 
 // A header over the rendered pixels (shared, not copied), with this frame's tags.
-LumoImage imageRecord(cv::Mat image, uint64_t timestamp, uint32_t tag0) {
-  LumoImage record = LumoTest::wrapStacked(image, timestamp);
-  record.tag0 = tag0;
-  record.tag1 = ~tag0;
+LumoImage imageRecord(cv::Mat image, int frame) {
+  LumoImage record = LumoTest::wrapStacked(image, kBase + static_cast<uint64_t>(frame) * kStep);
+  record.tag0 = static_cast<uint32_t>(frame);
+  record.tag1 = ~record.tag0;
   record.format = 7;
   return record;
 }
@@ -169,10 +152,9 @@ void stereoFeeder(void* handle, const Options& options, const Frames& frames, Sh
     while (shared.colourFed.load() <= i && shared.colourFed.load() < options.frames) {
       std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
-    const cv::Mat& image = frames.stereo[static_cast<std::size_t>(i % kRenderedFrames)];
-    LumoImage record = imageRecord(image, kBase + static_cast<uint64_t>(i) * kStep, static_cast<uint32_t>(i));
+    LumoImage record = imageRecord(frames.stereo[static_cast<std::size_t>(i % kRenderedFrames)], i);
     shared.fed[static_cast<std::size_t>(i)].store(1);
-    if (KORV_LUMO_D_FeedStereoImage(handle, &record) != 0) shared.failures.add("stereo feed " + std::to_string(i));
+    if (KORV_LUMO_D_FeedStereoImage(handle, &record) != 0) shared.fail("stereo feed " + std::to_string(i));
     shared.stereoFed.store(i + 1);
     std::this_thread::sleep_until(start + std::chrono::microseconds(static_cast<int64_t>(options.framePeriodUs) * (i + 1)));
   }
@@ -181,21 +163,15 @@ void stereoFeeder(void* handle, const Options& options, const Frames& frames, Sh
 void colourFeeder(void* handle, const Options& options, const Frames& frames, Shared& shared) {
   for (int i = 0; i < options.frames; ++i) {
     while (i > shared.stereoFed.load() + 2) std::this_thread::sleep_for(std::chrono::microseconds(100));
-    const uint64_t timestamp = kBase + static_cast<uint64_t>(i) * kStep;
     const std::size_t slot = static_cast<std::size_t>(i % kRenderedFrames);
-    LumoImage record = imageRecord(frames.colour[slot], timestamp, static_cast<uint32_t>(i));
-    if (KORV_LUMO_D_FeedRGBImage(handle, &record) != 0) shared.failures.add("colour feed " + std::to_string(i));
+    LumoImage record = imageRecord(frames.colour[slot], i);
+    if (KORV_LUMO_D_FeedRGBImage(handle, &record) != 0) shared.fail("colour feed " + std::to_string(i));
 
     const Eigen::Isometry3d& pose = frames.poses[slot];
     const Eigen::Quaterniond q(pose.rotation());
-    LumoPose poseRecord{};
-    poseRecord.timestamp = timestamp;
-    for (int k = 0; k < 3; ++k) poseRecord.position[k] = pose.translation()[k];
-    poseRecord.orientation[0] = q.w();
-    poseRecord.orientation[1] = q.x();
-    poseRecord.orientation[2] = q.y();
-    poseRecord.orientation[3] = q.z();
-    if (KORV_LUMO_D_FeedPose(handle, &poseRecord) != 0) shared.failures.add("pose feed " + std::to_string(i));
+    const Eigen::Vector3d& t = pose.translation();
+    LumoPose poseRecord{record.timestamp, {t.x(), t.y(), t.z()}, {q.w(), q.x(), q.y(), q.z()}, {}};
+    if (KORV_LUMO_D_FeedPose(handle, &poseRecord) != 0) shared.fail("pose feed " + std::to_string(i));
     shared.colourFed.store(i + 1);
   }
 }
@@ -206,52 +182,33 @@ void getter(void* handle, const Options& options, Shared& shared) {
       std::max(options.width * options.height, options.colourWidth * options.colourHeight));
   // Room for whatever the configuration hands out: depth at the colour camera's
   // size, the aligned colour image, the rectified stacked pair, a full cloud.
-  std::unique_ptr<float[]> depthData(new float[maxPixels]);
-  std::unique_ptr<float[]> disparityData(new float[maxPixels]);
-  std::unique_ptr<uint8_t[]> alignedData(new uint8_t[maxPixels * 3]);
-  std::unique_ptr<uint8_t[]> rectifiedData(new uint8_t[maxPixels * 3 * 2]);
-  std::unique_ptr<float[]> cloudData(new float[maxPixels * 3]);
+  std::vector<float> depthData(maxPixels), disparityData(maxPixels), cloudData(maxPixels * 3), coordinates(3 * 16);
+  std::vector<uint8_t> alignedData(maxPixels * 3), rectifiedData(maxPixels * 3 * 2);
   const int maxPoints = static_cast<int>(maxPixels);
   std::vector<int> pixels;
-  std::vector<float> coordinates(3 * 16);
-  for (int k = 0; k < 16; ++k) {
-    pixels.push_back((k * 37) % options.width);
-    pixels.push_back((k * 23) % options.height);
-  }
+  for (int k = 0; k < 16; ++k) pixels.insert(pixels.end(), {(k * 37) % options.width, (k * 23) % options.height});
 
   while (!shared.done.load()) {
     LumoDepthImage depth{}, disparity{};
     LumoImage aligned{};
-    depth.data = depthData.get();
-    disparity.data = disparityData.get();
-    aligned.data = alignedData.get();
+    depth.data = depthData.data(), disparity.data = disparityData.data(), aligned.data = alignedData.data();
     if (KORV_LUMO_D_GetDepthImage(handle, &depth, &disparity, &aligned) == 0) {
       shared.depthReads.fetch_add(1);
-      const int index = shared.fedIndex(depth.timestamp);
-      if (index < 0) {
-        shared.failures.add("depth time stamp " + std::to_string(depth.timestamp) + " was never fed");
-      } else {
-        if (depth.tag0 != static_cast<uint32_t>(index) || depth.tag1 != ~static_cast<uint32_t>(index)) {
-          shared.failures.add("depth of frame " + std::to_string(index) + " carries another frame's tags");
-        }
-        if (shared.seen[static_cast<std::size_t>(index)].exchange(1) == 0) {
-          shared.lastProgressMs.store(
-              std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count());
-        }
+      const int index = shared.fedIndex(depth.timestamp, "depth");
+      if (index >= 0 && (depth.tag0 != static_cast<uint32_t>(index) || depth.tag1 != ~static_cast<uint32_t>(index))) {
+        shared.fail("depth of frame " + std::to_string(index) + " carries another frame's tags");
       }
-      if (shared.fedIndex(disparity.timestamp) < 0) {
-        shared.failures.add("disparity time stamp " + std::to_string(disparity.timestamp) + " was never fed");
-      }
+      const bool firstRead = index >= 0 && shared.seen[static_cast<std::size_t>(index)].exchange(1) == 0;
+      if (firstRead) shared.lastProgressMs.store(nowMs());
+      shared.fedIndex(disparity.timestamp, "disparity");
       const std::size_t pixelsOut = static_cast<std::size_t>(depth.width) * depth.height;
       if (pixelsOut == 0 || pixelsOut > maxPixels) {
-        shared.failures.add("depth size " + std::to_string(depth.width) + "x" + std::to_string(depth.height));
+        shared.fail("depth size " + std::to_string(depth.width) + "x" + std::to_string(depth.height));
       } else {
-        for (std::size_t p = 0; p < pixelsOut; ++p) {
-          const float d = depthData[p];
-          if (!(d >= 0.0f) || std::isinf(d)) {
-            shared.failures.add("depth value " + std::to_string(d) + " at pixel " + std::to_string(p));
-            break;
-          }
+        const auto bad = std::find_if(depthData.begin(), depthData.begin() + static_cast<std::ptrdiff_t>(pixelsOut),
+                                      [](float d) { return !(d >= 0.0f) || std::isinf(d); });
+        if (bad != depthData.begin() + static_cast<std::ptrdiff_t>(pixelsOut)) {
+          shared.fail("depth value " + std::to_string(*bad) + " at pixel " + std::to_string(bad - depthData.begin()));
         }
         if (KorvLumetra::KORV_LUMO_D_GetCoordinates(handle, pixels.data(), 16, &depth, coordinates.data()) == 0) {
           shared.coordinateReads.fetch_add(1);
@@ -260,28 +217,22 @@ void getter(void* handle, const Options& options, Shared& shared) {
     }
 
     LumoImage rectified{};
-    rectified.data = rectifiedData.get();
+    rectified.data = rectifiedData.data();
     if (KORV_LUMO_D_GetRectifiedImage(handle, &rectified) == 0) {
       shared.rectifiedReads.fetch_add(1);
-      if (shared.fedIndex(rectified.timestamp) < 0) {
-        shared.failures.add("rectified time stamp " + std::to_string(rectified.timestamp) + " was never fed");
-      }
+      shared.fedIndex(rectified.timestamp, "rectified");
     }
 
     LumoRectifyInfo info{};
-    if (KORV_LUMO_D_GetRectifyInfo(handle, &info) != 0 || !(info.P1[0] > 0.0f)) {
-      shared.failures.add("rectify info");
-    }
+    if (KORV_LUMO_D_GetRectifyInfo(handle, &info) != 0 || !(info.P1[0] > 0.0f)) shared.fail("rectify info");
 
     LumoMap map{};
-    map.points = cloudData.get();
+    map.points = cloudData.data();
     if (KORV_LUMO_D_GetPointcloud(handle, &map, maxPoints) == 0 && map.num > 0) {
       shared.cloudReads.fetch_add(1);
       shared.cloudPoints.fetch_add(map.num);
-      if (map.num > maxPoints) shared.failures.add("cloud of " + std::to_string(map.num) + " points");
-      if (shared.fedIndex(map.timestamp) < 0) {
-        shared.failures.add("cloud time stamp " + std::to_string(map.timestamp) + " was never fed");
-      }
+      if (map.num > maxPoints) shared.fail("cloud of " + std::to_string(map.num) + " points");
+      shared.fedIndex(map.timestamp, "cloud");
     }
     // A host's display loop: read, then give the pipeline the processor.
     std::this_thread::sleep_for(std::chrono::microseconds(500));
@@ -299,18 +250,17 @@ std::string writeInputs(const std::string& dir, const Options& options, Frames& 
     frames.colour.push_back(LumoSynth::renderView(renderer, scene, f, 2));
     frames.poses.push_back(LumoSynth::leftPose(scene, f));
   }
-
+  // Filters, alignment with the colour camera, world-frame clouds through the voxel filter.
   const std::string path = dir + "/config.yaml";
-  std::ofstream config(path);
-  config << "enable_module: 1\nmodel_path: \"\"\ncalib_path: calib.yaml\n"
-         << "input_stereo_width: " << options.width << "\ninput_stereo_height: " << options.height << "\n"
-         << "stereo_img_scaling: 1.0\n"
-         << "input_aux_cam_width: " << options.colourWidth << "\ninput_aux_cam_height: " << options.colourHeight
-         << "\naux_cam_scaling: 1.0\nthread_num: 2\nasync_mode: 1\nalign_cam_id: 2\n"
-         << "align_direction: " << (options.alignDirection != 0 ? "true" : "false") << "\n"
-         << "enable_filter: true\nwls_filter: false\ndepth_mode: 0\nenable_voxel: true\nvoxelSize: 0.05\n"
-         << "minPoints: 1\npointcloud_type: 2\npointcloud_ROI: 1.0\nskip_point: 0\nfarthest_dist: 10\n"
-         << "cloest_dist: 0.1\nrestore_depth_dim: 1\ndebug_image: 0\ndebug_img_save_path: /tmp\n";
+  LumoTest::HostConfig()
+      .set("input_stereo_width", std::to_string(options.width))
+      .set("input_stereo_height", std::to_string(options.height))
+      .set("input_aux_cam_width", std::to_string(options.colourWidth))
+      .set("input_aux_cam_height", std::to_string(options.colourHeight))
+      .set("thread_num", "2").set("async_mode", "1").set("align_cam_id", "2")
+      .set("align_direction", options.alignDirection != 0 ? "true" : "false")
+      .set("enable_filter", "true").set("enable_voxel", "true").set("voxelSize", "0.05").set("pointcloud_type", "2")
+      .write(path);
   return path;
 }
 
@@ -332,22 +282,16 @@ int main(int argc, char** argv) {
   std::atomic<int> phase{0};  // 0 running, 1 tearing down, 2 finished
 
   // The watchdog: a stalled pipeline or a hung teardown ends the process.
+  shared.lastProgressMs.store(nowMs());
   std::thread watchdog([&] {
-    shared.lastProgressMs.store(
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count());
     while (phase.load() != 2) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
-      const long nowMs =
-          std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count();
-      const char* reason = nullptr;
-      if (secondsSince(start) > options.timeLimit) reason = "time limit";
-      if (phase.load() == 0 && shared.feeding.load() &&
-          static_cast<double>(nowMs - shared.lastProgressMs.load()) > options.stallLimit * 1000.0) {
-        reason = "no new depth frame";
-      }
-      if (reason != nullptr) {
-        std::printf("soak: FAIL watchdog (%s) after %.1f s; %d stereo frames fed, phase %d\n", reason,
-                    secondsSince(start), shared.stereoFed.load(), phase.load());
+      const bool stalled = phase.load() == 0 && shared.feeding.load() &&
+                           static_cast<double>(nowMs() - shared.lastProgressMs.load()) > options.stallLimit * 1000.0;
+      if (stalled || secondsSince(start) > options.timeLimit) {
+        std::printf("soak: FAIL watchdog (%s) after %.1f s; %d stereo frames fed, phase %d\n",
+                    stalled ? "no new depth frame" : "time limit", secondsSince(start), shared.stereoFed.load(),
+                    phase.load());
         std::fflush(stdout);
         std::abort();
       }
@@ -363,12 +307,11 @@ int main(int argc, char** argv) {
   threads.emplace_back(stereoFeeder, handle, std::cref(options), std::cref(frames), std::ref(shared));
   for (int g = 0; g < options.getters; ++g) threads.emplace_back(getter, handle, std::cref(options), std::ref(shared));
 
-  // Resident memory while the feeders run, sampled every 200 ms.
-  std::vector<std::pair<double, double>> curve;  // (seconds, MB)
-  std::vector<int> curveFrames;
+  // Resident memory while the feeders run, sampled every 200 ms: (seconds, frames fed, MB).
+  std::vector<std::tuple<double, int, double>> curve;
+  const auto sample = [&] { curve.emplace_back(secondsSince(start), shared.stereoFed.load(), residentMb()); };
   while (shared.stereoFed.load() < options.frames) {
-    curve.emplace_back(secondsSince(start), residentMb());
-    curveFrames.push_back(shared.stereoFed.load());
+    sample();
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
   }
   shared.feeding.store(false);
@@ -379,8 +322,7 @@ int main(int argc, char** argv) {
   while ((shared.depthReads.load() == 0 || shared.cloudReads.load() == 0) && secondsSince(drained) < 60.0) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
-  curve.emplace_back(secondsSince(start), residentMb());
-  curveFrames.push_back(shared.stereoFed.load());
+  sample();
   shared.done.store(true);
   for (auto& thread : threads) thread.join();
   const double feedSeconds = secondsSince(start);
@@ -396,10 +338,9 @@ int main(int argc, char** argv) {
 
   // Warm-up: the first quarter of the run (rings, engine and OpenCV buffers fill).
   const std::size_t warm = curve.size() / 4;
-  const double rssWarm = curve[warm].second;
+  const double rssWarm = std::get<2>(curve[warm]);
   double rssPeak = rssWarm;
-  for (std::size_t i = warm; i < curve.size(); ++i) rssPeak = std::max(rssPeak, curve[i].second);
-  const double rssEnd = curve.back().second;
+  for (std::size_t i = warm; i < curve.size(); ++i) rssPeak = std::max(rssPeak, std::get<2>(curve[i]));
 
   std::printf("soak: %d stereo frames fed at %dx%d, %d colour frames and poses at %dx%d, %.1f s\n",
               shared.stereoFed.load(), options.width, options.height, shared.colourFed.load(), options.colourWidth,
@@ -413,18 +354,18 @@ int main(int argc, char** argv) {
   std::printf("soak: RSS curve (s, frames fed, MB):");
   const std::size_t stride = std::max<std::size_t>(1, curve.size() / 12);
   for (std::size_t i = 0; i < curve.size(); i += stride) {
-    std::printf(" (%.1f, %d, %.1f)", curve[i].first, curveFrames[i], curve[i].second);
+    std::printf(" (%.1f, %d, %.1f)", std::get<0>(curve[i]), std::get<1>(curve[i]), std::get<2>(curve[i]));
   }
-  std::printf(" (%.1f, %d, %.1f)\n", curve.back().first, curveFrames.back(), curve.back().second);
+  std::printf(" (%.1f, %d, %.1f)\n", std::get<0>(curve.back()), std::get<1>(curve.back()), std::get<2>(curve.back()));
   std::printf("soak: RSS after creation %.1f MB, after warm-up %.1f MB, peak after warm-up %.1f MB, end %.1f MB\n",
-              rssStart, rssWarm, rssPeak, rssEnd);
+              rssStart, rssWarm, rssPeak, std::get<2>(curve.back()));
 
-  if (processed == 0) shared.failures.add("no depth frame was read");
-  if (shared.cloudReads.load() == 0) shared.failures.add("no point cloud was read");
+  if (processed == 0) shared.fail("no depth frame was read");
+  if (shared.cloudReads.load() == 0) shared.fail("no point cloud was read");
   if (options.rssSlackMb > 0.0 && rssPeak - rssWarm > options.rssSlackMb) {
-    shared.failures.add("resident memory grew by " + std::to_string(rssPeak - rssWarm) + " MB after warm-up");
+    shared.fail("resident memory grew by " + std::to_string(rssPeak - rssWarm) + " MB after warm-up");
   }
-  const int failed = shared.failures.count();
+  const int failed = shared.failures.load();
   std::printf("soak: %s (%d failed checks)\n", failed == 0 ? "OK" : "FAILED", failed);
   return failed == 0 ? 0 : 1;
 }

@@ -61,11 +61,9 @@ struct StereoDepthTestAccess {
 namespace LumoTest {
 
 struct ConfigOptions {
-  int width = 1280;
-  int height = 800;
+  int width = 1280, height = 800;
   float scaling = 1.0f;
-  int threadNum = 0;
-  int restoreDepthDim = 1;
+  int threadNum = 0, restoreDepthDim = 1;
   std::string calibPath = "calib.yaml";  // empty: the key is written with no value
 };
 
@@ -73,13 +71,9 @@ struct ConfigOptions {
 // (no alignment, no filters, no debug output).
 inline std::string configText(const ConfigOptions& o) {
   return HostConfig()
-      .set("calib_path", o.calibPath)
-      .set("input_stereo_width", std::to_string(o.width))
-      .set("input_stereo_height", std::to_string(o.height))
-      .set("stereo_img_scaling", std::to_string(o.scaling))
-      .set("thread_num", std::to_string(o.threadNum))
-      .set("async_mode", "1")
-      .set("restore_depth_dim", std::to_string(o.restoreDepthDim))
+      .set("calib_path", o.calibPath).set("async_mode", "1").set("thread_num", std::to_string(o.threadNum))
+      .set("input_stereo_width", std::to_string(o.width)).set("input_stereo_height", std::to_string(o.height))
+      .set("stereo_img_scaling", std::to_string(o.scaling)).set("restore_depth_dim", std::to_string(o.restoreDepthDim))
       .text();
 }
 
@@ -100,26 +94,23 @@ inline std::string number(double v) {
   return text;
 }
 
+// "[a, b, ...]" of n numbers.
+inline std::string list(const double* values, std::size_t n) {
+  std::string text = "[";
+  for (std::size_t j = 0; j < n; ++j) text += (j ? ", " : "") + number(values[j]);
+  return text + "]";
+}
+
 inline std::string calibText(const std::vector<CameraSpec>& cams) {
   std::ostringstream s;
   for (std::size_t n = 0; n < cams.size(); ++n) {
     const CameraSpec& c = cams[n];
-    s << "cam" << n << ":\n";
-    s << "  camera_model: pinhole\n";  // ignored by the import
-    s << "  intrinsics: [" << number(c.fx) << ", " << number(c.fy) << ", " << number(c.cx) << ", "
-      << number(c.cy) << "]\n";
-    s << "  distortion_coeffs: [";
-    for (std::size_t j = 0; j < c.coeffs.size(); ++j) s << (j ? ", " : "") << number(c.coeffs[j]);
-    s << "]\n";
-    s << "  distortion_model: " << c.model << "\n";
-    s << "  resolution: [" << c.width << ", " << c.height << "]\n";
-    if (c.hasTransform) {
-      s << "  T_cn_cnm1:\n";
-      for (int r = 0; r < 4; ++r) {
-        s << "  - [" << number(c.T(r, 0)) << ", " << number(c.T(r, 1)) << ", " << number(c.T(r, 2)) << ", "
-          << number(c.T(r, 3)) << "]\n";
-      }
-    }
+    const double intrinsics[] = {c.fx, c.fy, c.cx, c.cy};
+    s << "cam" << n << ":\n  camera_model: pinhole\n"  // ignored by the import
+      << "  intrinsics: " << list(intrinsics, 4) << "\n  distortion_coeffs: " << list(c.coeffs.data(), c.coeffs.size())
+      << "\n  distortion_model: " << c.model << "\n  resolution: [" << c.width << ", " << c.height << "]\n";
+    if (c.hasTransform) s << "  T_cn_cnm1:\n";
+    for (int r = 0; c.hasTransform && r < 4; ++r) s << "  - " << list(&c.T.val[4 * r], 4) << "\n";
   }
   return s.str();
 }

@@ -1,11 +1,9 @@
 // Scratch files for tests: a temporary directory removed with its contents,
-// a scoped change of the working directory, and a one-call file writer.
+// and a one-call file writer.
 #pragma once
 
 #include <stdlib.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -32,24 +30,6 @@ class TempDir {
 
  private:
   std::string path_;
-};
-
-// Switches back to the working directory it found.
-class ScopedChdir {
- public:
-  explicit ScopedChdir(const std::string& dir) {
-    char buffer[4096];
-    if (getcwd(buffer, sizeof(buffer)) != nullptr) previous_ = buffer;
-    ok_ = chdir(dir.c_str()) == 0;
-  }
-  ~ScopedChdir() {
-    if (!previous_.empty() && chdir(previous_.c_str()) != 0) std::perror("chdir");
-  }
-  bool ok() const { return ok_; }
-
- private:
-  std::string previous_;
-  bool ok_ = false;
 };
 
 inline void writeText(const std::string& path, const std::string& text) {

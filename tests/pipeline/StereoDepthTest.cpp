@@ -1,13 +1,17 @@
+// The pipeline object: its lifetimes, exceptions on its threads, the limits of
+// its fixed buffers, and the frame ring behind them.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <fstream>
-#include <stdexcept>
-#include <thread>
 #include <memory>
+#include <sstream>
+#include <stdexcept>
 #include <string>
+#include <thread>
 
+#include "pipeline/LumoImageRing.h"
 #include "pipeline/StereoDepth.h"
 #include "support/CalibrationFixtures.h"
 #include "support/ShiftedPair.h"
@@ -96,6 +100,82 @@ TEST(StereoDepthLifecycle, ExceptionsOnThePipelineThreadsDropTheFrameOnly) {
   EXPECT_NE(printed.find("[ ERROR] preprocessLoop(): frame 2 dropped: feed exploded\n"), std::string::npos) << printed;
   EXPECT_NE(printed.find("[ ERROR] updateResult(): result dropped: OpenCV"), std::string::npos) << printed;
   EXPECT_NE(printed.find("result exploded in function 'getResult'\n"), std::string::npos) << printed;
+}
+
+template <typename Fn>
+std::string lengthErrorText(Fn&& fn) {
+  try {
+    fn();
+  } catch (const std::length_error& e) {
+    return e.what();
+  }
+  return "no exception";
+}
+
+TEST(LumoImageRing, OverwritesTheOldestKeepsBuffersAndThrowsWhenEmpty) {
+  LumoUtils::LumoImageRing ring(20, 8);
+  EXPECT_EQ(lengthErrorText([&] { ring.back(); }), "back function called on empty buffer");
+  EXPECT_EQ(lengthErrorText([&] { ring.front(); }), "front function called on empty buffer");
+  // Frames 1..21 into 20 slots: after the 20th push the write index wraps to 0.
+  LumoImage* first = nullptr;
+  uint8_t* firstBuffer = nullptr;
+  for (uint64_t t = 1; t <= 21; ++t) {
+    ring.push();
+    LumoImage* slot = ring.back();
+    EXPECT_EQ(slot->timestamp, 0u);  // header cleared by the push, buffer kept
+    ASSERT_NE(slot->data, nullptr);
+    if (t == 1) first = slot, firstBuffer = slot->data;
+    slot->timestamp = t;
+  }
+  EXPECT_EQ(ring.back(), first);
+  EXPECT_EQ(first->data, firstBuffer);
+  EXPECT_EQ(ring.size(), 20u);
+  for (uint64_t t = 2; t <= 21; ++t) {
+    EXPECT_EQ(ring.front()->timestamp, t);
+    ring.pop_front();
+  }
+  EXPECT_EQ(lengthErrorText([&] { ring.pop_front(); }), "pop_front called on empty buffer");
+  ring.push();  // the ring's own mutex was released before throwing
+  EXPECT_EQ(ring.size(), 1u);
+}
+
+// Configurations whose frame sizes exceed the pipeline's fixed buffers are
+// refused when read, instead of overrunning the buffers on the first frame.
+// Reads a configuration with the given "key value" pairs; standard output to *printed.
+int initWith(const std::string& settings, std::string* printed) {
+  LumoTest::TempDir dir;
+  LumoTest::HostConfig config;
+  config.set("calib_path", "");
+  std::istringstream pairs(settings);
+  for (std::string key, value; pairs >> key >> value;) config.set(key, value);
+  config.write(dir.file("cfg.yaml"));
+  StereoDepth pipeline;
+  int status = 0;
+  *printed = LumoTest::captureStdout([&] { status = pipeline.initFromYaml(dir.file("cfg.yaml")); });
+  return status;
+}
+
+TEST(ConfigLimits, OversizedFramesAreRefusedWithTheSettingNamed) {
+  const std::pair<const char*, const char*> cases[] = {
+      // 1281 x 801 x 2 views x 3 channels is just over 6,144,000 bytes.
+      {"input_stereo_width 1281 input_stereo_height 801", "input_stereo_width"},
+      // Fits once scaled, but the input-size outputs (3 bytes a pixel) would not.
+      {"input_stereo_width 5000 input_stereo_height 2000 stereo_img_scaling 0.25", "input_stereo_width"},
+      // 3841 x 2160 x 3 is over a colour ring slot.
+      {"input_aux_cam_width 3841 input_aux_cam_height 2160", "input_aux_cam_width"},
+      // 3840 x 2160 floats are over the depth record that aligned depth returns to.
+      {"input_aux_cam_width 3840 input_aux_cam_height 2160 align_cam_id 2 align_direction true", "align_cam_id"},
+  };
+  std::string printed;
+  for (const auto& [settings, named] : cases) {
+    EXPECT_EQ(initWith(settings, &printed), 1) << settings;
+    for (const char* piece : {"[ ERROR] initFromYaml(): ", named, "limit"}) {
+      EXPECT_NE(printed.find(piece), std::string::npos) << printed;
+    }
+  }
+  // The largest sizes that fit are accepted.
+  const char* largest = "input_stereo_width 1280 input_stereo_height 800 input_aux_cam_width 3840 input_aux_cam_height 2160";
+  EXPECT_EQ(initWith(largest, &printed), 0);
 }
 
 }  // namespace
