@@ -41,7 +41,8 @@ void roiRange(int size, float roi, int* begin, int* end) {
 inline int32_t voxelIndex(float quotient) {
   if (!(quotient >= -2147483648.0f && quotient < 2147483648.0f)) return INT32_MIN;
   const int32_t truncated = static_cast<int32_t>(quotient);
-  return static_cast<float>(truncated) > quotient ? truncated - 1 : truncated;
+  // Without a branch: signs of coordinates alternate too often to predict.
+  return truncated - static_cast<int32_t>(static_cast<float>(truncated) > quotient);
 }
 
 // The first multiple of `step` at or after `begin` (begin >= 0).
