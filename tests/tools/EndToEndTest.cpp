@@ -1,0 +1,407 @@
+// One rendered sequence, judged once: the library's depth of it against the
+// renderer's ground truth. The command-line program, the README's host
+// examples and the library's other modes are then held against that depth.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "lumetra_depth.h"
+#include "support/CaptureOutput.h"
+#include "support/FeedAndWait.h"
+#include "support/HostConfig.h"
+#include "support/RunProgram.h"
+#include "support/ShiftedPair.h"
+#include "support/TempDir.h"
+#include "synth/SyntheticStereo.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using LumoTest::DepthBuffer;
+using LumoTest::Handle;
+using LumoTest::numberAfter;
+using LumoTest::numbered;
+using LumoTest::ProgramResult;
+using LumoTest::readText;
+using LumoTest::tool;
+using LumoTest::wrapStacked;
+
+constexpr int kWidth = 320, kHeight = 200, kFrames = 3;
+
+uint64_t stamp(int n) { return 1234567890123ull + 1000ull * n; }
+
+// The sequence, rendered by the program; the program's run on it (the cloud
+// of frame 0 only, by default) and the library's outputs for each frame, fed
+// through the C interface with debug dumps on. Made once per test process.
+struct Sequence {
+  LumoTest::TempDir dir;
+  const std::string path = dir.file("sample"), config = path + "/config.yaml", out = dir.file("out");
+  const std::string debug = dir.file("debug");
+  ProgramResult run;
+  std::vector<cv::Mat> grey, truth, depth, disparity;
+  std::vector<LumoDepthImage> records;
+  LumoImage aligned{};  // what the library left of a sentinel record
+  std::string printed;  // the library's standard output while fed
+
+  // The configuration with one key's line replaced, as a new file beside it.
+  std::string variant(const std::string& name, const std::vector<std::pair<std::string, std::string>>& keys) const {
+    std::string text = readText(config);
+    for (const auto& [key, value] : keys) {
+      const std::size_t at = text.find("\n" + key + ":") + 1;
+      text.replace(at, text.find('\n', at) - at, key + ": " + value);
+    }
+    LumoTest::writeText(path + "/" + name, text);
+    return path + "/" + name;
+  }
+
+  Sequence() {
+    const ProgramResult synth = tool({"synth", "--out", path, "--frames", std::to_string(kFrames), "--width",
+                                      std::to_string(kWidth), "--height", std::to_string(kHeight), "--moving"});
+    EXPECT_EQ(synth.status, 0) << synth.err;
+    run = tool({"run", config, path, "--out", out});
+    fs::create_directories(debug);
+    Handle handle(variant("debug.yaml", {{"debug_image", "1"}, {"debug_img_save_path", debug}}));
+    std::vector<uint8_t> sentinel(63, 0xA5);
+    aligned = LumoImage{0xDEADBEEF, 5, 0x1234567890ull, 7, 3, 3, 9, 0, 21, 63, sentinel.data()};
+    for (int n = 0; n < kFrames; ++n) {
+      grey.push_back(cv::imread(numbered(path, "frame_", n, ".png"), cv::IMREAD_GRAYSCALE));
+      truth.push_back(LumoSynth::readDepth(numbered(path, "depth_", n, ".tiff")));
+      LumoImage frame = wrapStacked(grey[n], stamp(n));
+      frame.tag0 = 11 + n, frame.tag1 = 22, frame.format = 7;
+      printed += LumoTest::captureStdout([&] { EXPECT_EQ(LumoTest::feedAndWait(handle, &frame), 0); });
+      depth.emplace_back(kHeight, kWidth, CV_32F, cv::Scalar(-1));
+      disparity.emplace_back(kHeight, kWidth, CV_32F, cv::Scalar(-1));
+      records.emplace_back();
+      LumoDepthImage disparityRecord{};
+      records[n].data = depth[n].ptr<float>();
+      disparityRecord.data = disparity[n].ptr<float>();
+      EXPECT_EQ(KORV_LUMO_D_GetDepthImage(handle, &records[n], &disparityRecord, &aligned), 0);
+      EXPECT_EQ(disparityRecord.timestamp, stamp(n));
+    }
+    EXPECT_EQ(std::count(sentinel.begin(), sentinel.end(), 0xA5), 63);
+  }
+};
+
+const Sequence& sequence() {
+  static const Sequence s;
+  return s;
+}
+
+// Plain figures of depth against ground truth: errors where both have depth,
+// density over ground-truth pixels right of the band the search cannot reach.
+struct Figures {
+  std::vector<double> relative;
+  long long visible = 0, covered = 0;
+  double median() {
+    std::nth_element(relative.begin(), relative.begin() + relative.size() / 2, relative.end());
+    return relative[relative.size() / 2];
+  }
+  void add(const cv::Mat& depth, const cv::Mat& truth) {
+    for (int v = 0; v < kHeight; ++v) {
+      for (int u = 0; u < kWidth; ++u) {
+        const double d = depth.at<float>(v, u), z = truth.at<float>(v, u);
+        if (z <= 0.0) continue;
+        visible += u >= kWidth / 10;
+        covered += u >= kWidth / 10 && d > 0.0;
+        if (d > 0.0) relative.push_back(std::fabs(d - z) / z);
+      }
+    }
+  }
+};
+
+TEST(EndToEnd, LibraryDepthOfTheRenderedSequenceMatchesGroundTruth) {
+  const Sequence& s = sequence();
+  const LumoSynth::Rectification rect = LumoSynth::rectification(LumoSynth::pinholeRig(kWidth, kHeight), 1.0);
+  const double fB = rect.P1.at<double>(0, 0) * rect.baseline;
+  Figures all;
+  for (int n = 0; n < kFrames; ++n) {
+    const LumoDepthImage& r = s.records[n];
+    EXPECT_EQ(std::make_tuple(r.timestamp, r.tag0, r.tag1, r.format), std::make_tuple(stamp(n), 11u + n, 22u, 7u));
+    ASSERT_EQ(std::make_tuple(r.width, r.height, r.size), std::make_tuple(320u, 200u, 320u * 200u * 4u));
+    all.add(s.depth[n], s.truth[n]);
+    for (int v = 0; v < kHeight; ++v) {
+      for (int u = 0; u < kWidth; ++u) {
+        const float d = s.depth[n].at<float>(v, u);
+        if (d <= 0.0f) continue;
+        EXPECT_NEAR(d * s.disparity[n].at<float>(v, u), fB, 1e-3 * fB) << u << "," << v;
+      }
+    }
+  }
+  std::printf("median relative error %.4f, density %.3f\n", all.median(), double(all.covered) / all.visible);
+  EXPECT_GT(all.covered, 0.80 * all.visible);
+  EXPECT_LT(all.median(), 0.05);
+  // Alignment is off: the aligned record and its bytes were left alone.
+  EXPECT_EQ(s.aligned.tag0, 0xDEADBEEFu);
+  EXPECT_EQ(s.aligned.size, 63u);
+
+  Handle handle(s.config);
+  LumoRectifyInfo info{};
+  EXPECT_EQ(KORV_LUMO_D_GetRectifyInfo(handle, &info), 0);
+  EXPECT_FLOAT_EQ(info.P1[0], static_cast<float>(rect.P1.at<double>(0, 0)));
+  EXPECT_FLOAT_EQ(info.P2[3], static_cast<float>(rect.P2.at<double>(0, 3)));
+
+  // The printed name differs from the file written; both are kept as they are.
+  const std::string last = std::to_string(stamp(kFrames - 1));
+  EXPECT_NE(s.printed.find("origin image save to : " + s.debug + "/origin_" + last + ".bmp\n"), std::string::npos)
+      << s.printed;
+  // The result thread writes its dumps just after the depth is published.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  for (std::string name : {"origin_.bmp", "feedresizedImg_.bmp", "combined_img_.bmp", "sgbm_disparity_.yml",
+                           "sgbm_depth_.yml", "disparity_.yml", "depth_.yml"}) {
+    const std::string file = s.debug + "/debug_" + name.insert(name.find('.'), last);
+    while (!fs::exists(file) && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_TRUE(fs::exists(file)) << file;
+  }
+}
+
+// An earlier version's ground truth: "LDEP", width, height, then the floats (little-endian).
+void writeLdep(const std::string& path, const cv::Mat& depth) {
+  std::ofstream out(path, std::ios::binary);
+  const uint32_t size[2] = {static_cast<uint32_t>(depth.cols), static_cast<uint32_t>(depth.rows)};
+  out.write("LDEP", 4);
+  out.write(reinterpret_cast<const char*>(size), sizeof(size));
+  out.write(reinterpret_cast<const char*>(depth.data), static_cast<std::streamsize>(depth.total() * 4));
+}
+
+// The program writes the library's depth, in metres and in whole millimetres,
+// reports the space its files take, and eval scores them as computed plainly.
+TEST(EndToEnd, ProgramWritesTheLibrarysDepthAndEvalScoresIt) {
+  const Sequence& s = sequence();
+  ASSERT_EQ(s.run.status, 0) << s.run.err;
+  std::uintmax_t bytes = 0;
+  int files = 0;
+  for (const auto& entry : fs::directory_iterator(s.out)) bytes += entry.file_size(), ++files;
+  EXPECT_NEAR(numberAfter(s.run.out, "disk space"), bytes / 1e6, 0.051) << s.run.out;
+  EXPECT_EQ(numberAfter(s.run.out, "MB in "), files) << s.run.out;
+
+  // Folders of earlier versions: millimetre PNGs only, ground truth in .ldep.
+  const LumoTest::TempDir old;
+  fs::create_directories(old.file("out"));
+  fs::create_directories(old.file("truth"));
+  Figures figures, fromMillimetres;
+  for (int n = 0; n < kFrames; ++n) {
+    const cv::Mat depth = cv::imread(numbered(s.out, "depth_", n, ".tiff"), cv::IMREAD_UNCHANGED);
+    const cv::Mat mm = cv::imread(numbered(s.out, "depth_", n, ".png"), cv::IMREAD_UNCHANGED);
+    ASSERT_EQ(depth.type(), CV_32FC1);
+    ASSERT_EQ(mm.type(), CV_16UC1);
+    ASSERT_EQ(depth.size(), s.depth[n].size());
+    EXPECT_EQ(cv::countNonZero(depth != s.depth[n]), 0) << "frame " << n;
+    cv::Mat metres;
+    mm.convertTo(metres, CV_32F, 0.001);
+    EXPECT_LE(cv::norm(metres, depth, cv::NORM_INF), 0.0005 + 2e-6) << "frame " << n;  // whole millimetres, 0 = none
+    figures.add(depth, s.truth[n]);
+    fromMillimetres.add(metres, s.truth[n]);
+    fs::copy_file(numbered(s.out, "depth_", n, ".png"), numbered(old.file("out"), "depth_", n, ".png"));
+    writeLdep(numbered(old.file("truth"), "depth_", n, ".ldep"), s.truth[n]);
+  }
+  const ProgramResult r = tool({"eval", s.out, s.path});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const auto within2 = std::count_if(figures.relative.begin(), figures.relative.end(), [](double e) { return e <= 0.02; });
+  EXPECT_NEAR(numberAfter(r.out, "median relative error"), 100.0 * figures.median(), 0.01) << r.out;
+  EXPECT_NEAR(numberAfter(r.out, "within 2 %"), 100.0 * within2 / figures.relative.size(), 0.051) << r.out;
+  EXPECT_NEAR(numberAfter(r.out, "density"), 100.0 * figures.covered / figures.visible, 0.051) << r.out;
+  EXPECT_NE(r.out.find("32-column left band"), std::string::npos) << r.out;
+  EXPECT_TRUE(fs::exists(s.out + "/error_heatmap.png"));
+  // The accuracy gate fails when asked for more than the run achieved.
+  LumoTest::expectOneLineError(tool({"eval", s.out, s.path, "--require-median", "0.01"}), "median relative error");
+  const ProgramResult earlier = tool({"eval", old.file("out"), old.file("truth")});
+  ASSERT_EQ(earlier.status, 0) << earlier.err;
+  EXPECT_NE(earlier.out.find(std::to_string(kFrames) + " frames"), std::string::npos) << earlier.out;
+  EXPECT_NEAR(numberAfter(earlier.out, "median relative error"), 100.0 * fromMillimetres.median(), 0.01) << earlier.out;
+
+  // By default the cloud of every 30th frame: here only the first. Binary
+  // PCD and PLY hold the same points after their headers.
+  const std::string pcd = readText(numbered(s.out, "cloud_", 0, ".pcd"));
+  const std::string ply = readText(numbered(s.out, "cloud_", 0, ".ply"));
+  const int points = static_cast<int>(numberAfter(pcd, "\nPOINTS "));
+  EXPECT_GT(points, 100);
+  EXPECT_EQ(static_cast<int>(numberAfter(ply, "element vertex ")), points);
+  const std::size_t pcdData = pcd.find("DATA binary\n") + 12, plyData = ply.find("end_header\n") + 11;
+  EXPECT_EQ(pcd.size() - pcdData, static_cast<std::size_t>(points) * 12);
+  EXPECT_EQ(pcd.substr(pcdData), ply.substr(plyData));
+  EXPECT_FALSE(fs::exists(numbered(s.out, "cloud_", 1, ".pcd")));
+
+  // A limited run with every cloud in text form; world-frame clouds need the poses beside the frames.
+  const std::string limited = old.file("limited");
+  const ProgramResult run = tool({"run", s.variant("world.yaml", {{"pointcloud_type", "2"}}), s.path, "--out", limited,
+                                  "--limit", "2", "--cloud-every", "1", "--ascii-pcd"});
+  EXPECT_NE(run.out.find("2 with depth"), std::string::npos) << run.out << run.err;
+  const std::string ascii = readText(numbered(limited, "cloud_", 1, ".pcd"));
+  const std::size_t asciiData = ascii.find("DATA ascii\n");
+  ASSERT_NE(asciiData, std::string::npos);
+  EXPECT_EQ(std::count(ascii.begin() + static_cast<std::ptrdiff_t>(asciiData + 11), ascii.end(), '\n'),
+            static_cast<int>(numberAfter(ascii, "\nPOINTS ")));
+  EXPECT_GT(numberAfter(ascii, "\nPOINTS "), 100);
+  EXPECT_FALSE(fs::exists(numbered(limited, "depth_", 2, ".tiff")));
+}
+
+// Two folders of single views, side-by-side pairs and stacked frames named
+// so are the same pictures: the library's depth. So is polling in
+// asynchronous mode, which must find each frame's own depth.
+TEST(EndToEnd, EveryInputFormAndAsynchronousModeGiveTheLibrarysDepth) {
+  const Sequence& s = sequence();
+  const LumoTest::TempDir scratch;
+  const std::string left = scratch.file("left"), right = scratch.file("right"), pairs = scratch.file("pairs");
+  for (const std::string& dir : {left, right, pairs}) fs::create_directories(dir);
+  for (int n = 0; n < kFrames; ++n) {
+    cv::Mat sideBySide;
+    cv::imwrite(numbered(left, "cam0_", n, ".png"), s.grey[n].rowRange(0, kHeight));
+    cv::imwrite(numbered(right, "cam1_", n, ".png"), s.grey[n].rowRange(kHeight, 2 * kHeight));
+    cv::hconcat(s.grey[n].rowRange(0, kHeight), s.grey[n].rowRange(kHeight, 2 * kHeight), sideBySide);
+    cv::imwrite(numbered(pairs, "pair_", n, ".png"), sideBySide);
+  }
+  const std::string async = s.variant("async.yaml", {{"async_mode", "1"}, {"thread_num", "2"}});
+  const std::tuple<std::string, std::string, std::vector<std::string>> forms[] = {
+      {left + "," + right, s.config, {}},
+      {pairs, s.config, {}},
+      {pairs, s.config, {"--layout", "side-by-side"}},
+      {s.path, s.config, {"--layout", "stacked"}},
+      {s.path, async, {}}};
+  for (const auto& [input, config, more] : forms) {
+    std::vector<std::string> args = {"run", config, input, "--out", scratch.file("out"), "--cloud-every", "0"};
+    args.insert(args.end(), more.begin(), more.end());
+    const ProgramResult r = tool(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    for (int n = 0; n < kFrames; ++n) {
+      const cv::Mat depth = cv::imread(numbered(scratch.file("out"), "depth_", n, ".tiff"), cv::IMREAD_UNCHANGED);
+      ASSERT_EQ(depth.size(), s.depth[n].size()) << input << " frame " << n;
+      EXPECT_EQ(cv::countNonZero(depth != s.depth[n]), 0) << input << " frame " << n;
+    }
+    fs::remove_all(scratch.file("out"));
+  }
+  // A layout named is a layout required.
+  const ProgramResult wrong = tool({"run", s.config, pairs, "--out", scratch.file("wrong"), "--layout", "stacked"});
+  EXPECT_EQ(wrong.status, 1);
+  EXPECT_EQ(wrong.err, "lumetra-depth: '" + numbered(pairs, "pair_", 0, ".png") +
+                           "' is 640x200; --layout stacked with two 320x200 views wants 320x400\n");
+}
+
+// The README's host examples, built as a reader builds them, on the sequence's configuration.
+TEST(EndToEnd, ReadmeHostsMeasureTheScene) {
+  const Sequence& s = sequence();
+  const ProgramResult c = LumoTest::runProgram(LUMO_HOST_C, {s.config, "320", "200"});
+  ASSERT_EQ(c.status, 0) << c.out << c.err;
+  EXPECT_GT(numberAfter(c.out, "depth 320x200, "), 50.0) << "per cent of pixels with depth: " << c.out;
+  // 16 pixels apart before rectification is about f·B/16 = 256 px · 0.1 m / 16 = 1.6 m; the
+  // rectifying rotation of the right camera takes a few pixels off that disparity.
+  const double wall = numberAfter(c.out, "pixels with depth, ");
+  EXPECT_GT(wall, 1.5) << c.out;
+  EXPECT_LT(wall, 3.0) << c.out;
+  EXPECT_EQ(LumoTest::runProgram(LUMO_HOST_C, {}).status, 2);
+
+  // The centre pixel's depth as the library gave it, and its point at that depth.
+  const ProgramResult cpp = LumoTest::runProgram(LUMO_HOST_CPP, {s.config, numbered(s.path, "frame_", 0, ".png")});
+  ASSERT_EQ(cpp.status, 0) << cpp.out << cpp.err;
+  double x = 0, y = 0, z = 0;
+  const std::size_t open = cpp.out.find("point (");
+  ASSERT_NE(open, std::string::npos) << cpp.out;
+  ASSERT_EQ(std::sscanf(cpp.out.c_str() + open, "point (%lf, %lf, %lf)", &x, &y, &z), 3) << cpp.out;
+  const double depth = numberAfter(cpp.out, "at depth ");
+  EXPECT_NEAR(depth, s.depth[0].at<float>(kHeight / 2, kWidth / 2), 5e-4) << cpp.out;
+  EXPECT_NEAR(z, depth, 1e-3);
+  EXPECT_NE(LumoTest::runProgram(LUMO_HOST_CPP, {s.config, s.path + "/missing.png"}).status, 0);
+}
+
+// Three-channel frames, asynchronous mode, two engines and the filters: every
+// frame's depth comes out with its own tags, for the poller to find. The
+// handle is then destroyed with frames still in flight.
+TEST(EndToEnd, AsynchronousColourFramesEachGetTheirDepth) {
+  const Sequence& s = sequence();
+  Handle handle(s.variant("async-filtered.yaml", {{"async_mode", "1"}, {"thread_num", "2"}, {"enable_filter", "true"}}));
+  DepthBuffer depth(kWidth * kHeight);
+  for (uint64_t t = 1; t <= 7; ++t) {
+    cv::Mat colour;
+    cv::cvtColor(s.grey[t % kFrames], colour, cv::COLOR_GRAY2BGR);
+    LumoImage frame = wrapStacked(colour, t * 100);
+    frame.tag0 = static_cast<uint32_t>(t);
+    ASSERT_EQ(LumoTest::feedAndWait(handle, &frame), 0);
+    if (t > 4) continue;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while ((KORV_LUMO_D_GetDepthImage(handle, &depth.record, nullptr, nullptr) != 0 ||
+            depth.record.timestamp != t * 100) &&
+           std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    ASSERT_EQ(depth.record.timestamp, t * 100);
+    EXPECT_EQ(depth.record.tag0, t);
+  }
+  EXPECT_GT(std::count_if(depth.data.begin(), depth.data.end(), [](float d) { return d > 0.0f; }), kWidth * kHeight / 2);
+}
+
+// A grey frame takes a one-channel path through rectification and matching;
+// the same frame as three equal channels takes the three-channel path. Every
+// output must be the same bit for bit, at full size, at an exact half (OpenCV
+// averages 2 x 2 blocks there) and at an odd scale.
+TEST(EndToEnd, GreyFramesGiveExactlyTheOutputsOfTheirThreeChannelForm) {
+  const Sequence& s = sequence();
+  cv::Mat grey = s.grey[0], colour;
+  cv::cvtColor(grey, colour, cv::COLOR_GRAY2BGR);
+  for (const char* scale : {"1.0", "0.5", "0.539063"}) {
+    SCOPED_TRACE(scale);
+    std::vector<std::vector<float>> outputs;
+    std::vector<std::vector<uint8_t>> pictures;
+    for (cv::Mat pixels : {grey, colour}) {
+      Handle handle(s.variant("scaled.yaml", {{"stereo_img_scaling", scale}, {"enable_filter", "true"}}));
+      LumoImage frame = wrapStacked(pixels, 99), rectified{};
+      ASSERT_EQ(LumoTest::feedAndWait(handle, &frame), 0);
+      DepthBuffer depth(kWidth * kHeight), disparity(kWidth * kHeight);
+      ASSERT_EQ(KORV_LUMO_D_GetDepthImage(handle, &depth.record, &disparity.record, nullptr), 0);
+      outputs.push_back(depth.data);
+      outputs.push_back(disparity.data);
+      pictures.emplace_back(kWidth * kHeight * 6);
+      rectified.data = pictures.back().data();
+      ASSERT_EQ(KORV_LUMO_D_GetRectifiedImage(handle, &rectified), 0);
+      EXPECT_EQ(rectified.channels, 3u);
+    }
+    EXPECT_EQ(outputs[0], outputs[2]) << "depth";
+    EXPECT_EQ(outputs[1], outputs[3]) << "disparity";
+    EXPECT_EQ(pictures[0], pictures[1]) << "rectified";
+  }
+}
+
+TEST(EndToEnd, ScaledInputIsRestoredOnlyWhenAsked) {
+  const Sequence& s = sequence();
+  const LumoSynth::Rectification working = LumoSynth::rectification(LumoSynth::pinholeRig(kWidth, kHeight), 0.5);
+  const double fB = working.P1.at<double>(0, 0) * working.baseline;
+  cv::Mat grey = s.grey[0];
+  for (int restore : {0, 1}) {
+    Handle handle(s.variant("half.yaml", {{"stereo_img_scaling", "0.5"}, {"restore_depth_dim", std::to_string(restore)}}));
+    LumoImage frame = wrapStacked(grey, 77);
+    ASSERT_EQ(LumoTest::feedAndWait(handle, &frame), 0);
+    DepthBuffer depth(kWidth * kHeight), disparity(kWidth * kHeight);
+    ASSERT_EQ(KORV_LUMO_D_GetDepthImage(handle, &depth.record, &disparity.record, nullptr), 0);
+    const uint32_t width = restore ? kWidth : kWidth / 2;
+    ASSERT_EQ(depth.record.width, width);
+    ASSERT_EQ(depth.record.height, width * 10 / 16);
+    EXPECT_EQ(disparity.record.width, kWidth / 2u);  // disparity stays at the working size
+
+    // Restored depth repeats the working depth (nearest neighbour), never a
+    // blend: each output pixel is f·B / d of its source pixel.
+    int checked = 0;
+    for (uint32_t v = 0; v < depth.record.height; v += 2) {
+      for (uint32_t u = 0; u < width; u += 3) {
+        const float d = depth.data[v * width + u], disp = disparity.data[(v >> restore) * kWidth / 2 + (u >> restore)];
+        if (d <= 0.0f) continue;
+        EXPECT_NEAR(d * disp, fB, 1e-4 * fB) << u << "," << v;
+        ++checked;
+      }
+    }
+    EXPECT_GT(checked, 1000);
+  }
+}
+
+}  // namespace
