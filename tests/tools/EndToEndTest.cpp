@@ -51,8 +51,8 @@ struct Sequence {
   const std::string debug = dir.file("debug");
   ProgramResult run;
   std::vector<cv::Mat> grey, truth, depth, disparity;
-  std::vector<LumoDepthImage> records;
-  LumoImage aligned{};  // what the library left of a sentinel record
+  std::vector<LumoDepthImage> records;  // depth and disparity of each frame
+  LumoImage aligned{};                  // what the library left of a sentinel record
   std::string printed;  // the library's standard output while fed
 
   // The configuration with one key's line replaced, as a new file beside it.
@@ -73,7 +73,7 @@ struct Sequence {
     run = tool({"run", config, path, "--out", out});
     fs::create_directories(debug);
     Handle handle(variant("debug.yaml", {{"debug_image", "1"}, {"debug_img_save_path", debug}}));
-    std::vector<uint8_t> sentinel(63, 0xA5);
+    static std::vector<uint8_t> sentinel(63, 0xA5);
     aligned = LumoImage{0xDEADBEEF, 5, 0x1234567890ull, 7, 3, 3, 9, 0, 21, 63, sentinel.data()};
     for (int n = 0; n < kFrames; ++n) {
       grey.push_back(cv::imread(numbered(path, "frame_", n, ".png"), cv::IMREAD_GRAYSCALE));
@@ -81,16 +81,11 @@ struct Sequence {
       LumoImage frame = wrapStacked(grey[n], stamp(n));
       frame.tag0 = 11 + n, frame.tag1 = 22, frame.format = 7;
       printed += LumoTest::captureStdout([&] { EXPECT_EQ(LumoTest::feedAndWait(handle, &frame), 0); });
-      depth.emplace_back(kHeight, kWidth, CV_32F, cv::Scalar(-1));
-      disparity.emplace_back(kHeight, kWidth, CV_32F, cv::Scalar(-1));
-      records.emplace_back();
-      LumoDepthImage disparityRecord{};
-      records[n].data = depth[n].ptr<float>();
-      disparityRecord.data = disparity[n].ptr<float>();
-      EXPECT_EQ(KORV_LUMO_D_GetDepthImage(handle, &records[n], &disparityRecord, &aligned), 0);
-      EXPECT_EQ(disparityRecord.timestamp, stamp(n));
+      depth.emplace_back(kHeight, kWidth, CV_32F), disparity.emplace_back(kHeight, kWidth, CV_32F);
+      records.emplace_back(), records.emplace_back();  // depth, disparity
+      records[2 * n].data = depth[n].ptr<float>(), records[2 * n + 1].data = disparity[n].ptr<float>();
+      EXPECT_EQ(KORV_LUMO_D_GetDepthImage(handle, &records[2 * n], &records[2 * n + 1], &aligned), 0);
     }
-    EXPECT_EQ(std::count(sentinel.begin(), sentinel.end(), 0xA5), 63);
   }
 };
 
@@ -121,30 +116,32 @@ struct Figures {
   }
 };
 
+// Depth is f·B / disparity wherever there is depth; `source` is the disparity
+// under each depth pixel.
+void expectDepthTimesDisparity(const cv::Mat& depth, const cv::Mat& source, double fB, double tolerance) {
+  cv::Mat off = cv::abs(depth.mul(source) - fB);
+  off.setTo(0, depth <= 0);
+  EXPECT_LE(cv::norm(off, cv::NORM_INF), tolerance * fB);
+}
+
 TEST(EndToEnd, LibraryDepthOfTheRenderedSequenceMatchesGroundTruth) {
   const Sequence& s = sequence();
   const LumoSynth::Rectification rect = LumoSynth::rectification(LumoSynth::pinholeRig(kWidth, kHeight), 1.0);
   const double fB = rect.P1.at<double>(0, 0) * rect.baseline;
   Figures all;
   for (int n = 0; n < kFrames; ++n) {
-    const LumoDepthImage& r = s.records[n];
+    const LumoDepthImage& r = s.records[2 * n];
     EXPECT_EQ(std::make_tuple(r.timestamp, r.tag0, r.tag1, r.format), std::make_tuple(stamp(n), 11u + n, 22u, 7u));
-    ASSERT_EQ(std::make_tuple(r.width, r.height, r.size), std::make_tuple(320u, 200u, 320u * 200u * 4u));
+    EXPECT_EQ(std::make_tuple(r.width, r.height, r.size), std::make_tuple(320u, 200u, 320u * 200u * 4u));
+    EXPECT_EQ(s.records[2 * n + 1].timestamp, stamp(n));
+    expectDepthTimesDisparity(s.depth[n], s.disparity[n], fB, 1e-3);
     all.add(s.depth[n], s.truth[n]);
-    for (int v = 0; v < kHeight; ++v) {
-      for (int u = 0; u < kWidth; ++u) {
-        const float d = s.depth[n].at<float>(v, u);
-        if (d <= 0.0f) continue;
-        EXPECT_NEAR(d * s.disparity[n].at<float>(v, u), fB, 1e-3 * fB) << u << "," << v;
-      }
-    }
   }
-  std::printf("median relative error %.4f, density %.3f\n", all.median(), double(all.covered) / all.visible);
-  EXPECT_GT(all.covered, 0.80 * all.visible);
+  EXPECT_GT(all.covered, 0.9 * all.visible);
   EXPECT_LT(all.median(), 0.05);
   // Alignment is off: the aligned record and its bytes were left alone.
-  EXPECT_EQ(s.aligned.tag0, 0xDEADBEEFu);
-  EXPECT_EQ(s.aligned.size, 63u);
+  EXPECT_EQ(std::make_tuple(s.aligned.tag0, s.aligned.size), std::make_tuple(0xDEADBEEFu, 63u));
+  EXPECT_EQ(std::count(s.aligned.data, s.aligned.data + 63, 0xA5), 63);
 
   Handle handle(s.config);
   LumoRectifyInfo info{};
@@ -316,32 +313,6 @@ TEST(EndToEnd, ReadmeHostsMeasureTheScene) {
   EXPECT_NE(LumoTest::runProgram(LUMO_HOST_CPP, {s.config, s.path + "/missing.png"}).status, 0);
 }
 
-// Three-channel frames, asynchronous mode, two engines and the filters: every
-// frame's depth comes out with its own tags, for the poller to find. The
-// handle is then destroyed with frames still in flight.
-TEST(EndToEnd, AsynchronousColourFramesEachGetTheirDepth) {
-  const Sequence& s = sequence();
-  Handle handle(s.variant("async-filtered.yaml", {{"async_mode", "1"}, {"thread_num", "2"}, {"enable_filter", "true"}}));
-  DepthBuffer depth(kWidth * kHeight);
-  for (uint64_t t = 1; t <= 7; ++t) {
-    cv::Mat colour;
-    cv::cvtColor(s.grey[t % kFrames], colour, cv::COLOR_GRAY2BGR);
-    LumoImage frame = wrapStacked(colour, t * 100);
-    frame.tag0 = static_cast<uint32_t>(t);
-    ASSERT_EQ(LumoTest::feedAndWait(handle, &frame), 0);
-    if (t > 4) continue;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while ((KORV_LUMO_D_GetDepthImage(handle, &depth.record, nullptr, nullptr) != 0 ||
-            depth.record.timestamp != t * 100) &&
-           std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    ASSERT_EQ(depth.record.timestamp, t * 100);
-    EXPECT_EQ(depth.record.tag0, t);
-  }
-  EXPECT_GT(std::count_if(depth.data.begin(), depth.data.end(), [](float d) { return d > 0.0f; }), kWidth * kHeight / 2);
-}
-
 // A grey frame takes a one-channel path through rectification and matching;
 // the same frame as three equal channels takes the three-channel path. Every
 // output must be the same bit for bit, at full size, at an exact half (OpenCV
@@ -391,16 +362,11 @@ TEST(EndToEnd, ScaledInputIsRestoredOnlyWhenAsked) {
 
     // Restored depth repeats the working depth (nearest neighbour), never a
     // blend: each output pixel is f·B / d of its source pixel.
-    int checked = 0;
-    for (uint32_t v = 0; v < depth.record.height; v += 2) {
-      for (uint32_t u = 0; u < width; u += 3) {
-        const float d = depth.data[v * width + u], disp = disparity.data[(v >> restore) * kWidth / 2 + (u >> restore)];
-        if (d <= 0.0f) continue;
-        EXPECT_NEAR(d * disp, fB, 1e-4 * fB) << u << "," << v;
-        ++checked;
-      }
-    }
-    EXPECT_GT(checked, 1000);
+    cv::Mat restored(depth.record.height, width, CV_32F, depth.data.data()), source;
+    cv::resize(cv::Mat(kHeight / 2, kWidth / 2, CV_32F, disparity.data.data()), source, restored.size(), 0, 0,
+               cv::INTER_NEAREST);
+    expectDepthTimesDisparity(restored, source, fB, 1e-4);
+    EXPECT_GT(cv::countNonZero(restored > 0), kWidth * kHeight / 8);
   }
 }
 
