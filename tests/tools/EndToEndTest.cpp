@@ -1,14 +1,18 @@
 // One rendered sequence, judged once: the library's depth of it against the
 // renderer's ground truth. The command-line program, the README's host
-// examples and the library's other modes are then held against that depth.
+// examples and the library's other modes are then held against that depth;
+// the program's other commands, and the failures a user meets first, run on
+// the same sequence.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -30,15 +34,24 @@ namespace {
 
 namespace fs = std::filesystem;
 using LumoTest::DepthBuffer;
+using LumoTest::expectOneLineError;
 using LumoTest::Handle;
 using LumoTest::numberAfter;
 using LumoTest::numbered;
 using LumoTest::ProgramResult;
 using LumoTest::readText;
+using LumoTest::TempDir;
 using LumoTest::tool;
 using LumoTest::wrapStacked;
+using LumoTest::writeText;
 
 constexpr int kWidth = 320, kHeight = 200, kFrames = 3;
+
+// The configuration text with one key's line replaced (or removed when `value` is empty).
+std::string withKey(const std::string& config, const std::string& key, const std::string& value) {
+  const std::regex line("(^|\n)" + key + ":[^\n]*");
+  return std::regex_replace(config, line, value.empty() ? "$1" : "$1" + key + ": " + value);
+}
 
 uint64_t stamp(int n) { return 1234567890123ull + 1000ull * n; }
 
@@ -46,7 +59,7 @@ uint64_t stamp(int n) { return 1234567890123ull + 1000ull * n; }
 // of frame 0 only, by default) and the library's outputs for each frame, fed
 // through the C interface with debug dumps on. Made once per test process.
 struct Sequence {
-  LumoTest::TempDir dir;
+  TempDir dir;
   const std::string path = dir.file("sample"), config = path + "/config.yaml", out = dir.file("out");
   const std::string debug = dir.file("debug");
   ProgramResult run;
@@ -62,7 +75,7 @@ struct Sequence {
       const std::size_t at = text.find("\n" + key + ":") + 1;
       text.replace(at, text.find('\n', at) - at, key + ": " + value);
     }
-    LumoTest::writeText(path + "/" + name, text);
+    writeText(path + "/" + name, text);
     return path + "/" + name;
   }
 
@@ -186,7 +199,7 @@ TEST(EndToEnd, ProgramWritesTheLibrarysDepthAndEvalScoresIt) {
   EXPECT_EQ(numberAfter(s.run.out, "MB in "), files) << s.run.out;
 
   // Folders of earlier versions: millimetre PNGs only, ground truth in .ldep.
-  const LumoTest::TempDir old;
+  const TempDir old;
   fs::create_directories(old.file("out"));
   fs::create_directories(old.file("truth"));
   Figures figures, fromMillimetres;
@@ -214,7 +227,7 @@ TEST(EndToEnd, ProgramWritesTheLibrarysDepthAndEvalScoresIt) {
   EXPECT_NE(r.out.find("32-column left band"), std::string::npos) << r.out;
   EXPECT_TRUE(fs::exists(s.out + "/error_heatmap.png"));
   // The accuracy gate fails when asked for more than the run achieved.
-  LumoTest::expectOneLineError(tool({"eval", s.out, s.path, "--require-median", "0.01"}), "median relative error");
+  expectOneLineError(tool({"eval", s.out, s.path, "--require-median", "0.01"}), "median relative error");
   const ProgramResult earlier = tool({"eval", old.file("out"), old.file("truth")});
   ASSERT_EQ(earlier.status, 0) << earlier.err;
   EXPECT_NE(earlier.out.find(std::to_string(kFrames) + " frames"), std::string::npos) << earlier.out;
@@ -251,7 +264,7 @@ TEST(EndToEnd, ProgramWritesTheLibrarysDepthAndEvalScoresIt) {
 // asynchronous mode, which must find each frame's own depth.
 TEST(EndToEnd, EveryInputFormAndAsynchronousModeGiveTheLibrarysDepth) {
   const Sequence& s = sequence();
-  const LumoTest::TempDir scratch;
+  const TempDir scratch;
   const std::string left = scratch.file("left"), right = scratch.file("right"), pairs = scratch.file("pairs");
   for (const std::string& dir : {left, right, pairs}) fs::create_directories(dir);
   for (int n = 0; n < kFrames; ++n) {
@@ -367,6 +380,111 @@ TEST(EndToEnd, ScaledInputIsRestoredOnlyWhenAsked) {
                cv::INTER_NEAREST);
     expectDepthTimesDisparity(restored, source, fB, 1e-4);
     EXPECT_GT(cv::countNonZero(restored > 0), kWidth * kHeight / 8);
+  }
+}
+
+TEST(ToolSequence, InfoShowsTheRigAndFlagsSettingsThatLookWrong) {
+  const Sequence& s = sequence();
+  const ProgramResult ok = tool({"info", s.config});
+  ASSERT_EQ(ok.status, 0) << ok.err;
+  EXPECT_NEAR(numberAfter(ok.out, "Baseline"), 0.1, 1e-4) << ok.out;  // the pinhole rig's 10 cm
+  EXPECT_NE(ok.out.find("Warnings: none"), std::string::npos) << ok.out;
+
+  // Calibrations the library refuses, or cannot measure with: in millimetres
+  // (translations times 1000) the nearest reachable depth is beyond the 12 units kept.
+  const std::string calib = readText(s.path + "/calib.yaml");
+  std::string millimetres = calib, omni = calib;
+  const std::regex row(R"((  - \[[^,]+, [^,]+, [^,]+, )([^\]]+)\])");
+  for (std::sregex_iterator it(calib.begin(), calib.end(), row), end; it != end; ++it) {
+    const std::string scaled = (*it)[1].str() + std::to_string(std::stod((*it)[2].str()) * 1000) + "]";
+    if ((*it)[2].str() != "1") millimetres.replace(millimetres.find((*it)[0].str()), (*it)[0].length(), scaled);
+  }
+  omni.replace(omni.find("cam0:\n"), 6, "cam0:\n  camera_model: omni\n");
+  writeText(s.path + "/millimetres.yaml", millimetres);
+  writeText(s.path + "/omni.yaml", omni);
+
+  const std::string base = readText(s.config);
+  for (const auto& [key, value, warning] : std::vector<std::array<std::string, 3>>{
+           {"thread_num", "0", "creates no matcher"},
+           {"stereo_img_scaling", "0.001", "the library says: the views are 0x0 pixels when matched"},
+           {"input_stereo_height", "240", "input size 320x240 does not have the aspect of cam0's resolution 320x200 "
+                                          "(the library ends the process)"},
+           {"calib_path", "nowhere.yaml", "the library says: file not exits: " + s.path + "/nowhere.yaml"},
+           {"calib_path", "omni.yaml", "the library says: cam0: camera_model omni is not supported"},
+           {"calib_path", "millimetres.yaml", "the measurable depth range is empty"},
+           {"cloest_dist", "", "required key 'cloest_dist' is missing"},
+           {"thread_num", "many", "is not a number"},
+           {"stereo_img_scaling", "0.05", "the matcher needs at least 27x11 for its 16 disparities"}}) {
+    writeText(s.path + "/bad.yaml", withKey(base, key, value));
+    const ProgramResult r = tool({"info", s.path + "/bad.yaml"});
+    EXPECT_NE(r.out.find(warning), std::string::npos) << key << ": " << r.out;
+    expectOneLineError(r, "cannot produce depth");
+    // run refuses the same file with one line instead of letting the library end it.
+    const std::string named = warning.substr(warning.rfind("says: ") == std::string::npos ? 0 : warning.rfind("says: ") + 6);
+    expectOneLineError(tool({"run", s.path + "/bad.yaml", s.path, "--out", s.path + "/bad"}),
+                       named.substr(0, named.find(" (")));
+  }
+  // Doubtful settings are warnings only.
+  std::string doubtful = withKey(withKey(base, "pointcloud_ROI", "1.5"), "enable_filter", "ture");
+  writeText(s.path + "/doubtful.yaml", withKey(doubtful, "async_mode", "") + "asynch_mode: 0\n");
+  const ProgramResult r = tool({"info", s.path + "/doubtful.yaml"});
+  EXPECT_EQ(r.status, 0);
+  for (const char* warning : {"pointcloud_ROI 1.5 is outside (0, 1]",
+                              "enable_filter: 'ture' reads as false (only true, yes, on and 1 read as true)",
+                              "unknown key 'asynch_mode' is ignored (did you mean 'async_mode'?)"}) {
+    EXPECT_NE(r.out.find(warning), std::string::npos) << r.out;
+  }
+}
+
+TEST(ToolAlignment, ColourFramesComeBackRegisteredWithDepth) {
+  TempDir dir;
+  const std::string sample = dir.file("sample"), out = dir.file("out");
+  ASSERT_EQ(tool({"synth", "--out", sample, "--frames", "2", "--width", "320", "--height", "200", "--colour"}).status,
+            0);
+  ASSERT_EQ(tool({"run", sample + "/config.yaml", sample, "--out", out, "--cloud-every", "0"}).status, 0);
+  for (int n = 0; n < 2; ++n) {
+    const cv::Mat aligned = cv::imread(numbered(out, "aligned_colour_", n, ".png"));
+    EXPECT_EQ(aligned.size(), cv::Size(kWidth, kHeight)) << "colour resampled into the depth view";
+    EXPECT_GT(cv::countNonZero(aligned.reshape(1) > 0), kWidth * kHeight) << "mostly filled";
+  }
+  // Without colour frames the library would wait for each in vain.
+  for (int n = 0; n < 2; ++n) fs::remove(numbered(sample, "colour_", n, ".png"));
+  expectOneLineError(tool({"run", sample + "/config.yaml", sample, "--out", dir.file("none")}), "colour");
+}
+
+TEST(ToolErrors, BadInvocationsGiveOneLineAndAFailureStatus) {
+  const Sequence& s = sequence();
+  TempDir dir;
+  const std::string config = s.config, missing = dir.file("missing"), empty = dir.file("empty");
+  for (const char* folder : {"empty", "broken", "frames"}) fs::create_directories(dir.file(folder));
+  // Decoders and video backends have their say on stderr; the user still sees one line.
+  writeText(dir.file("broken/frame_000000.png"), readText(numbered(s.path, "frame_", 0, ".png")).substr(0, 2000));
+  writeText(dir.file("movie.avi"), "not a video");
+  cv::imwrite(dir.file("frames/frame_000000.png"), cv::Mat(400, 300, CV_8UC1, cv::Scalar(0)));
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{}, "missing command"},
+      {{"run", missing + ".yaml", s.path, "--out", dir.file("o")}, "cannot read '" + missing + ".yaml'"},
+      {{"run", config, missing, "--out", dir.file("o")}, "cannot read '" + missing + "'"},
+      {{"run", config, empty, "--out", dir.file("o")}, "no images"},
+      {{"run", config, s.path}, "missing --out"},
+      {{"run", config, s.path, "--out", dir.file("o"), "--frobs"}, "unknown option '--frobs'"},
+      {{"run", config, dir.file("broken"), "--out", dir.file("o")},
+       "cannot read '" + dir.file("broken/frame_000000.png") + "'"},
+      {{"run", config, dir.file("movie.avi"), "--out", dir.file("o")}, "not a video"},
+      // A frame of the wrong size is named, not fed.
+      {{"run", config, dir.file("frames"), "--out", dir.file("o")},
+       "frame_000000.png' is 300x400; the configuration wants two 320x200 views"},
+      {{"eval", missing, s.path}, "cannot read '" + missing + "'"},
+      {{"eval", empty, s.path}, "no depth_N.tiff"},
+  };
+  for (const auto& [args, mention] : cases) {
+    SCOPED_TRACE(mention);
+    expectOneLineError(tool(args), mention);
+  }
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"--help"}, {"info", "-h"}}) {
+    const ProgramResult r = tool(args);
+    EXPECT_EQ(r.status, 0) << args[0];
+    EXPECT_EQ(r.out.rfind("usage: lumetra-depth", 0), 0u) << r.out;
   }
 }
 
