@@ -53,53 +53,48 @@ const Rendered& rendered() {
   return scene;
 }
 
+std::string writeHost(const LumoTest::TempDir& dir, int camera, bool depthIntoColour, HostConfig config) {
+  LumoSynth::writeCalibrationYaml(dir.file("calib.yaml"), rendered().rig);
+  config.set("align_cam_id", std::to_string(camera))
+      .set("align_direction", depthIntoColour ? "true" : "false")
+      .set("input_aux_cam_width", std::to_string(kColourWidth))
+      .set("input_aux_cam_height", std::to_string(kColourHeight))
+      .write(dir.file("config.yaml"));
+  return dir.file("config.yaml");
+}
+
 // A handle configured from files in a scratch directory, with output buffers
 // big enough for anything these tests produce.
 class Host {
  public:
-  Host(int camera, bool depthIntoColour, HostConfig config = HostConfig()) {
-    LumoSynth::writeCalibrationYaml(dir_.file("calib.yaml"), rendered().rig);
-    config.set("align_cam_id", std::to_string(camera))
-        .set("align_direction", depthIntoColour ? "true" : "false")
-        .set("input_aux_cam_width", std::to_string(kColourWidth))
-        .set("input_aux_cam_height", std::to_string(kColourHeight))
-        .write(dir_.file("config.yaml"));
-    LumoTest::captureStdout([&] { KORV_LUMO_D_CreateHandleWithConfig(&handle_, dir_.file("config.yaml").c_str()); });
-  }
-  ~Host() { KORV_LUMO_D_DestroyHandle(handle_); }
+  Host(int camera, bool depthIntoColour, HostConfig config = HostConfig())
+      : handle_(writeHost(dir_, camera, depthIntoColour, config)) {}
 
   // The library copies what it is fed: a header over shared pixels will do.
   int feedColour(cv::Mat image, uint64_t t) {
     LumoImage record = LumoTest::wrapStacked(image, t);
     return KORV_LUMO_D_FeedRGBImage(handle_, &record);
   }
-  // Synchronous: returns 0 once the frame's aligned depth exists, 1 after
-  // about 2 s without it.
-  int feedStereo(uint64_t t) {
+  // The plain feed, without `wait`, is synchronous: 0 once the frame's aligned
+  // depth exists, 1 after about 2 s without it.
+  int feedStereo(uint64_t t, bool wait = true) {
     cv::Mat image = rendered().stereo;
     LumoImage record = LumoTest::wrapStacked(image, t);
-    return KORV_LUMO_D_FeedStereoImage(handle_, &record);
-  }
-  int feedStereoAndWait(uint64_t t) {
-    cv::Mat image = rendered().stereo;
-    LumoImage record = LumoTest::wrapStacked(image, t);
-    return LumoTest::feedAndWait(handle_, &record);
+    return wait ? LumoTest::feedAndWait(handle_, &record) : KORV_LUMO_D_FeedStereoImage(handle_, &record);
   }
   int get() {
-    depth.data = depthPixels_.data();
     aligned.data = alignedPixels_.data();
-    return KORV_LUMO_D_GetDepthImage(handle_, &depth, nullptr, &aligned);
+    return KORV_LUMO_D_GetDepthImage(handle_, &depth.record, nullptr, &aligned);
   }
-  cv::Mat depthMat() const { return cv::Mat(depth.height, depth.width, CV_32F, depth.data); }
+  cv::Mat depthMat() { return cv::Mat(depth.record.height, depth.record.width, CV_32F, depth.data.data()); }
   cv::Mat alignedMat() const { return cv::Mat(aligned.height, aligned.width, CV_8UC(aligned.channels), aligned.data); }
 
-  LumoDepthImage depth{};  // filled by get()
+  LumoTest::DepthBuffer depth{1920 * 1080};  // filled by get()
   LumoImage aligned{};
 
  private:
   LumoTest::TempDir dir_;
-  void* handle_ = nullptr;
-  std::vector<float> depthPixels_ = std::vector<float>(1920 * 1080);
+  LumoTest::Handle handle_;
   std::vector<uint8_t> alignedPixels_ = std::vector<uint8_t>(1920 * 1080 * 3);
 };
 
@@ -168,9 +163,9 @@ TEST(Alignment, DepthIntoAnotherCameraMatchesItsGroundTruth) {
                   .set("restore_depth_dim", half ? "0" : "1")
                   .set("stereo_img_scaling", variant == kHalfStereo ? "0.5" : "1"));
     ASSERT_EQ(camera == 2 ? host.feedColour(r.colour, 1000) : 0, 0);
-    ASSERT_EQ(host.feedStereoAndWait(1000), 0);
+    ASSERT_EQ(host.feedStereo(1000), 0);
     ASSERT_EQ(host.get(), 0);
-    EXPECT_EQ(host.depth.timestamp, 1000u);
+    EXPECT_EQ(host.depth.record.timestamp, 1000u);
     EXPECT_EQ(host.aligned.timestamp, 1000u);
     const cv::Size size = camera == 1 ? cv::Size(kWidth, kHeight) : cv::Size(kColourWidth, kColourHeight) / (1 + half);
     ASSERT_EQ(host.depthMat().size(), size);
@@ -203,7 +198,7 @@ TEST(Alignment, ColourIntoDepthTakesThePixelUnderEachFootprintsFarCorner) {
     const cv::Mat& colour = channels == 1 ? r.colourGrey : r.colour;
     Host host(2, false);
     ASSERT_EQ(host.feedColour(colour, 5000), 0);
-    ASSERT_EQ(host.feedStereoAndWait(5000), 0);
+    ASSERT_EQ(host.feedStereo(5000), 0);
     ASSERT_EQ(host.get(), 0);
     EXPECT_EQ(host.aligned.timestamp, 5000u);
     ASSERT_EQ(host.alignedMat().size(), cv::Size(kWidth, kHeight));
@@ -237,24 +232,24 @@ TEST(Alignment, ColourFramesArePairedByTimestamp) {
   const uint64_t base = (5ull << 32) - 200000000;
   const uint64_t close = base - 300000000, newer = base + 800000000;
   for (uint64_t t : {base - 1600000000, base - 600000000, close, newer}) ASSERT_EQ(host.feedColour(r.colour, t), 0);
-  ASSERT_EQ(host.feedStereoAndWait(base), 0);
+  ASSERT_EQ(host.feedStereo(base), 0);
   ASSERT_EQ(host.get(), 0);
-  EXPECT_EQ(host.depth.timestamp, base);
+  EXPECT_EQ(host.depth.record.timestamp, base);
   EXPECT_EQ(host.aligned.timestamp, close);  // both older frames dropped on the way
 
   // The newer frame is still over a tolerance ahead: no aligned depth for this
   // frame, so the synchronous feed gives up after about two seconds.
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(host.feedStereo(base + 200000000), 1);
+  EXPECT_EQ(host.feedStereo(base + 200000000, false), 1);
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
   ASSERT_EQ(host.get(), 0);
-  EXPECT_EQ(host.depth.timestamp, base);  // the last aligned output stays
+  EXPECT_EQ(host.depth.record.timestamp, base);  // the last aligned output stays
   EXPECT_EQ(host.aligned.timestamp, close);
 
   // It was kept, and pairs with the next depth that comes close enough.
-  ASSERT_EQ(host.feedStereoAndWait(base + 600000000), 0);
+  ASSERT_EQ(host.feedStereo(base + 600000000), 0);
   ASSERT_EQ(host.get(), 0);
-  EXPECT_EQ(host.depth.timestamp, base + 600000000);
+  EXPECT_EQ(host.depth.record.timestamp, base + 600000000);
   EXPECT_EQ(host.aligned.timestamp, newer);
 }
 

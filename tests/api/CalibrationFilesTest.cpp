@@ -161,34 +161,25 @@ Result run(const std::string& calibration) {
       .set("input_stereo_width", std::to_string(kWidth))
       .set("input_stereo_height", std::to_string(kHeight))
       .write(dir.file("config.yaml"));
-  Result result;
-  void* handle = nullptr;
-  result.printed = LumoTest::captureStdout([&] {
-    EXPECT_EQ(KORV_LUMO_D_CreateHandleWithConfig(&handle, dir.file("config.yaml").c_str()), 0);
-  });
+  LumoTest::Handle handle(dir.file("config.yaml"));
+  EXPECT_EQ(handle.status, 0);
+  Result result{handle.printed};
   LumoImage frame = LumoTest::wrapStacked(grey, 42);
   LumoTest::captureStdout([&] { result.feed = KORV_LUMO_D_FeedStereoImage(handle, &frame); });
-  std::vector<float> depth(kWidth * kHeight, 0.0f);
-  LumoDepthImage record{};
-  record.data = depth.data();
-  if (result.feed == 0 && KORV_LUMO_D_GetDepthImage(handle, &record, nullptr, nullptr) == 0) {
-    // Where the 32-disparity search reaches and the block fits.
-    std::vector<double> errors;
-    int counted = 0;
-    for (int v = 6; v < kHeight - 6; ++v) {
-      for (int u = 40; u < kWidth - 6; ++u) {
-        const float z = truth.at<float>(v, u), d = depth[v * kWidth + u];
-        ++counted;
-        if (z > 0.0f && d > 0.0f) errors.push_back(std::fabs(d - z) / z);
-      }
-    }
-    result.coverage = static_cast<double>(errors.size()) / counted;
-    if (!errors.empty()) {
-      std::nth_element(errors.begin(), errors.begin() + errors.size() / 2, errors.end());
-      result.medianError = errors[errors.size() / 2];
+  LumoTest::DepthBuffer depth(kWidth * kHeight, 0.0f);
+  if (result.feed != 0 || KORV_LUMO_D_GetDepthImage(handle, &depth.record, nullptr, nullptr) != 0) return result;
+  // Where the 32-disparity search reaches and the block fits.
+  std::vector<double> errors;
+  for (int v = 6; v < kHeight - 6; ++v) {
+    for (int u = 40; u < kWidth - 6; ++u) {
+      const float z = truth.at<float>(v, u), d = depth.data[v * kWidth + u];
+      if (z > 0.0f && d > 0.0f) errors.push_back(std::fabs(d - z) / z);
     }
   }
-  EXPECT_EQ(KORV_LUMO_D_DestroyHandle(handle), 0);
+  result.coverage = static_cast<double>(errors.size()) / ((kHeight - 12) * (kWidth - 46));
+  if (errors.empty()) return result;
+  std::nth_element(errors.begin(), errors.begin() + errors.size() / 2, errors.end());
+  result.medianError = errors[errors.size() / 2];
   return result;
 }
 
@@ -230,18 +221,18 @@ TEST(CalibrationFiles, WhatCannotBeUsedIsRefusedWithTheCameraAndTheReason) {
 
   const std::string file = "initCameraFromCalibYaml(): ";
   const std::string rectify = "initRectifyMap(): ";
+  const std::string finite = " must be finite with fx, fy above zero";
+  const auto intrinsics = [&](const std::string& values) { return replaced(plain, cam0Intrinsics, "intrinsics: " + values); };
+  const auto moved = [&](const Eigen::Matrix4d& T) { return calibrationText(withTransform(rig, T), Layout()); };
   const std::pair<std::string, std::string> cases[] = {
       {replaced(replaced(plain, cam0Intrinsics, "intrinsics: [0.8, 260, 260, 160, 100]"), "cam0:\n",
                 "cam0:\n  camera_model: omni\n"),
        file + "cam0: camera_model omni is not supported: only pinhole cameras are (with radtan, equidistant or "
               "cvbasic distortion)"},
-      {replaced(plain, cam0Intrinsics, "intrinsics: [nan, 260, 160, 100]"),
-       file + "cam0: intrinsics [nan, 260, 160, 100] must be finite with fx, fy above zero"},
-      {replaced(plain, cam0Intrinsics, "intrinsics: [0, 260, 160, 100]"),
-       file + "cam0: intrinsics [0, 260, 160, 100] must be finite with fx, fy above zero"},
-      {replaced(plain, cam0Intrinsics, "intrinsics: [260, 260, 160]"),
-       file + "cam0: intrinsics must be [fx, fy, cx, cy], not 3 numbers [260, 260, 160]"},
-      {replaced(plain, cam0Intrinsics, "intrinsics: [260, 260, 160, x100]"),
+      {intrinsics("[nan, 260, 160, 100]"), file + "cam0: intrinsics [nan, 260, 160, 100]" + finite},
+      {intrinsics("[0, 260, 160, 100]"), file + "cam0: intrinsics [0, 260, 160, 100]" + finite},
+      {intrinsics("[260, 260, 160]"), file + "cam0: intrinsics must be [fx, fy, cx, cy], not 3 numbers [260, 260, 160]"},
+      {intrinsics("[260, 260, 160, x100]"),
        file + "cam0: intrinsics holds text that is not a number, or a number out of range"},
       {replaced(plain, "resolution: [320, 200]", "resolution: [320, 0]"),
        file + "cam0: resolution must be two positive integers [width, height], not [320, 0]"},
@@ -251,20 +242,17 @@ TEST(CalibrationFiles, WhatCannotBeUsedIsRefusedWithTheCameraAndTheReason) {
       {replaced(replaced(plain, "distortion_model: radtan", "distortion_model: cvbasic"), "0.001, -0.001]",
                 "0.001, -0.001, 0, 0]"),
        file + "cam0: cvbasic takes 4, 5, 8, 12 or 14 distortion_coeffs, not 6"},
-      {calibrationText(withTransform(rig, stretched), Layout()),
+      {moved(stretched),
        file + "cam1: T_cn_cnm1 has a rotation that is not orthonormal (R^T R is off the identity by 0.0201)"},
-      {calibrationText(withTransform(rig, mirrored), Layout()),
-       file + "cam1: T_cn_cnm1 has a reflection, not a rotation (determinant -1)"},
-      {calibrationText(withTransform(rig, apart), Layout()),
-       file + "cam1: T_cn_cnm1 has a zero translation: the two cameras must be apart"},
-      {calibrationText(withTransform(rig, infinite), Layout()),
-       file + "cam1: T_cn_cnm1 holds a value that is not finite"},
+      {moved(mirrored), file + "cam1: T_cn_cnm1 has a reflection, not a rotation (determinant -1)"},
+      {moved(apart), file + "cam1: T_cn_cnm1 has a zero translation: the two cameras must be apart"},
+      {moved(infinite), file + "cam1: T_cn_cnm1 holds a value that is not finite"},
       {replaced(plain, "  - [0, 0, 0, 1]\n", ""),
        file + "cam1: T_cn_cnm1 is not a 4x4 matrix (four rows of four numbers, or 16 numbers)"},
       {calibrationText(swapped(rig), Layout()),
        rectify + "cam1 sits to the left of cam0 (at (-0.1, 0.002, 0.001)): the stacked frame holds the left view "
                  "on top; swap cam0 and cam1 in the calibration and the two views in the frame"},
-      {calibrationText(withTransform(rig, below), Layout()),
+      {moved(below),
        rectify + "cam1 sits at (0.01, 0.1, -0.002) from cam0, above or below it or ahead: the matcher searches "
                  "along image rows, so the cameras must sit side by side; turn both views and the calibration by "
                  "90 degrees"},

@@ -2,11 +2,9 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <regex>
 #include <string>
 
 #include "api/ErrorLog.h"
-#include "support/CaptureOutput.h"
 
 namespace KorvLumetra {
 namespace {
@@ -26,22 +24,6 @@ TEST(ErrorLog, PrefixTruncatesMillisecondsAndTimestampsPrintWhole) {
 
   EXPECT_EQ(formatTimestamp(0), "0");
   EXPECT_EQ(formatTimestamp(18446744073709551615ull), "18446744073709551615");
-}
-
-TEST(ErrorLog, LinesOnStdout) {
-  const std::string one = LumoTest::captureStdout([] { logError("getDepthImage", "allocate memory before calling"); });
-  EXPECT_TRUE(std::regex_match(one, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \[ ERROR\] )"
-                                               R"(getDepthImage\(\): allocate memory before calling\n)")))
-      << one;
-  // A formatted message carries its own newline, or none.
-  const std::string two = LumoTest::captureStdout([] {
-    logErrorf("preprocessLoop", "stereo depth: unrecognized image channel %d\n", 4);
-    logErrorf("createBuffer", "Buffer create failed!");
-  });
-  EXPECT_TRUE(std::regex_match(two, std::regex(R"([-0-9: .]{23} \[ ERROR\] preprocessLoop\(\): stereo depth: )"
-                                               R"(unrecognized image channel 4\n)"
-                                               R"([-0-9: .]{23} \[ ERROR\] createBuffer\(\): Buffer create failed!)")))
-      << two;
 }
 
 }  // namespace

@@ -2,9 +2,9 @@
 // as a process that loaded the tracking library would.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
-
-#include <opencv2/imgproc.hpp>
+#include <vector>
 
 #include "lumetra_depth.h"
 #include "support/FeedAndWait.h"
@@ -49,6 +49,15 @@ extern "C" __attribute__((visibility("default"))) int KORV_NVRA_GetCalibrationPa
 
 namespace {
 
+// Binds a handle made from a configuration without calib_path, and returns
+// bind's status; `message` must be among what it printed.
+int bindTracker(void* handle, int navra, const std::string& message) {
+  int status = -1;
+  const std::string printed = LumoTest::captureStdout([&] { status = KORV_LUMO_D_BindNavra(handle, &navra); });
+  EXPECT_NE(printed.find(message), std::string::npos) << printed;
+  return status;
+}
+
 TEST(TrackerBinding, CalibrationFromTheTrackerDrivesDepth) {
   // The configuration names no calibration file: it comes from the tracker.
   LumoSynth::Rig rig = LumoSynth::pinholeRig(640, 400);
@@ -56,65 +65,42 @@ TEST(TrackerBinding, CalibrationFromTheTrackerDrivesDepth) {
   g_calibration = recordOf(rig);
   LumoTest::TempDir dir;
   LumoTest::HostConfig().set("calib_path", "").write(dir.file("config.yaml"));
-  void* handle = nullptr;
-  ASSERT_EQ(KORV_LUMO_D_CreateHandleWithConfig(&handle, dir.file("config.yaml").c_str()), 0);
-  const auto bind = [&](int navra, const std::string& message) {
-    int status = -1;
-    const std::string printed = LumoTest::captureStdout([&] { status = KORV_LUMO_D_BindNavra(handle, &navra); });
-    EXPECT_NE(printed.find(message), std::string::npos) << printed;
-    return status;
-  };
-  EXPECT_EQ(bind(1, "[ ERROR] KORV_LUMO_D_BindNavra(): Failed to get calib from Navra handle\n"), 1);
+  LumoTest::Handle handle(dir.file("config.yaml"));
+  ASSERT_EQ(handle.status, 0);
+  EXPECT_EQ(bindTracker(handle, 1, "[ ERROR] KORV_LUMO_D_BindNavra(): Failed to get calib from Navra handle\n"), 1);
   // One camera is no stereo pair: refused after the dump, and a good record binds afterwards.
   g_calibration.num_cameras = 1;
-  EXPECT_EQ(bind(0, "[ ERROR] initCameraFromCalib(): initCameraFromCalib: no extrinsics found\n"), 1);
+  EXPECT_EQ(bindTracker(handle, 0, "[ ERROR] initCameraFromCalib(): initCameraFromCalib: no extrinsics found\n"), 1);
   g_calibration.num_cameras = 2;
-  ASSERT_EQ(bind(0, "[Camera Chain]\nNumber of cameras: 2\n"), 0);
+  ASSERT_EQ(bindTracker(handle, 0, "[Camera Chain]\nNumber of cameras: 2\n"), 0);
 
-  cv::Mat grey;
-  cv::cvtColor(LumoSynth::renderStereo(LumoSynth::makeRenderer(rig, 1), LumoSynth::defaultScene(), 0), grey,
-               cv::COLOR_BGR2GRAY);
+  cv::Mat grey = LumoSynth::toGrey(LumoSynth::renderStereo(LumoSynth::makeRenderer(rig, 1), LumoSynth::defaultScene(), 0));
   LumoImage frame{0, 0, 5, 640, 800, 1, 0, 0, 0, 0, grey.data};
   ASSERT_EQ(LumoTest::feedAndWait(handle, &frame), 0);
-  std::vector<float> depth(640 * 400);
-  LumoDepthImage record{};
-  record.data = depth.data();
-  ASSERT_EQ(KORV_LUMO_D_GetDepthImage(handle, &record, nullptr, nullptr), 0);
-  int valid = 0;
-  for (float d : depth) valid += d > 0.5f && d < 6.0f;  // the scene lies between 1 and 5.5 m
-  EXPECT_GT(valid, 640 * 400 / 2);
-  EXPECT_EQ(KORV_LUMO_D_DestroyHandle(handle), 0);
+  LumoTest::DepthBuffer depth;
+  ASSERT_EQ(KORV_LUMO_D_GetDepthImage(handle, &depth.record, nullptr, nullptr), 0);
+  // The scene lies between 1 and 5.5 m.
+  EXPECT_GT(std::count_if(depth.data.begin(), depth.data.end(), [](float d) { return d > 0.5f && d < 6.0f; }),
+            640 * 400 / 2);
 }
 
 // A configuration refused for its sizes stays refused: a record that matches
 // those sizes is not taken, so nothing is ever built for buffers too small.
 TEST(TrackerBinding, ARefusedConfigurationTakesNoCalibration) {
-  const LumoSynth::Rig rig = LumoSynth::pinholeRig(1400, 900);
-  g_calibration = recordOf(rig);
+  g_calibration = recordOf(LumoSynth::pinholeRig(1400, 900));
   LumoTest::TempDir dir;
   LumoTest::HostConfig()
       .set("calib_path", "")
       .set("input_stereo_width", "1400")
       .set("input_stereo_height", "900")
       .write(dir.file("config.yaml"));
-  void* handle = nullptr;
-  LumoTest::captureStdout([&] { KORV_LUMO_D_CreateHandleWithConfig(&handle, dir.file("config.yaml").c_str()); });
-  int navra = 0, bound = -1, fed = -1;
+  LumoTest::Handle handle(dir.file("config.yaml"));
+  const std::string refused = "(): the configuration was refused when the handle was created: nothing is taken\n";
+  EXPECT_EQ(bindTracker(handle, 0, "[ ERROR] initCameraFromCalib" + refused), 1);
   std::vector<uint8_t> pixels(1400 * 1800, 128);
   LumoImage frame{0, 0, 5, 1400, 1800, 1, 0, 0, 1400, 1400 * 1800, pixels.data()};
-  const std::string printed = LumoTest::captureStdout([&] {
-    bound = KORV_LUMO_D_BindNavra(handle, &navra);
-    fed = KORV_LUMO_D_FeedStereoImage(handle, &frame);
-  });
-  EXPECT_EQ(bound, 1);
-  EXPECT_EQ(fed, 1);
-  for (const char* function : {"initCameraFromCalib", "feedStereoImage"}) {
-    EXPECT_NE(printed.find(std::string("[ ERROR] ") + function +
-                           "(): the configuration was refused when the handle was created: nothing is taken\n"),
-              std::string::npos)
-        << printed;
-  }
-  EXPECT_EQ(KORV_LUMO_D_DestroyHandle(handle), 0);
+  const std::string printed = LumoTest::captureStdout([&] { EXPECT_EQ(KORV_LUMO_D_FeedStereoImage(handle, &frame), 1); });
+  EXPECT_NE(printed.find("[ ERROR] feedStereoImage" + refused), std::string::npos) << printed;
 }
 
 }  // namespace

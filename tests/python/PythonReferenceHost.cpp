@@ -30,6 +30,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "lumetra_depth.h"
+#include "support/ShiftedPair.h"
 #include "synth/SyntheticStereo.h"
 
 namespace {
@@ -42,6 +43,13 @@ struct Options {
 
 Options parse(int argc, char** argv) {
   Options o;
+  for (int i = 3; i < argc; ++i) {
+    const std::string a = argv[i];
+    int* number = a == "--width" ? &o.width : a == "--height" ? &o.height : a == "--frames" ? &o.frames : nullptr;
+    if (number != nullptr && i + 1 < argc) *number = std::atoi(argv[++i]);
+    else if (a == "--bgr" || a == "--colour") (a == "--bgr" ? o.bgr : o.colour) = true;
+    else argc = 0;  // unknown
+  }
   if (argc < 3) {
     std::fprintf(stderr, "usage: %s reference|bench DIR [--width W] [--height H] [--frames N] [--bgr] [--colour]\n",
                  argv[0]);
@@ -49,46 +57,22 @@ Options parse(int argc, char** argv) {
   }
   o.command = argv[1];
   o.dir = argv[2];
-  for (int i = 3; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "--bgr") o.bgr = true;
-    else if (a == "--colour") o.colour = true;
-    else if (i + 1 < argc && a == "--width") o.width = std::atoi(argv[++i]);
-    else if (i + 1 < argc && a == "--height") o.height = std::atoi(argv[++i]);
-    else if (i + 1 < argc && a == "--frames") o.frames = std::atoi(argv[++i]);
-    else {
-      std::fprintf(stderr, "unknown argument %s\n", a.c_str());
-      std::exit(2);
-    }
-  }
   return o;
 }
 
 void writeBytes(const std::string& path, const void* data, std::size_t bytes) {
-  std::ofstream out(path, std::ios::binary);
-  out.write(static_cast<const char*>(data), static_cast<std::streamsize>(bytes));
-  if (!out) {
+  if (!std::ofstream(path, std::ios::binary).write(static_cast<const char*>(data), static_cast<std::streamsize>(bytes))) {
     std::fprintf(stderr, "cannot write %s\n", path.c_str());
     std::exit(1);
   }
 }
 
-LumoImage imageOf(cv::Mat& m, uint64_t timestamp) {
-  LumoImage image{};
-  image.timestamp = timestamp;
-  image.width = static_cast<uint32_t>(m.cols);
-  image.height = static_cast<uint32_t>(m.rows);
-  image.channels = static_cast<uint32_t>(m.channels());
-  image.stride = image.width * image.channels;
-  image.size = image.stride * image.height;
-  image.data = m.data;
-  return image;
-}
-
+// A manifest line for an output, and its bytes in DIR/KIND_I.raw.
 template <typename Record>
-void describe(FILE* manifest, const char* kind, int i, int status, const Record& r) {
+void output(const Options& o, FILE* manifest, const char* kind, int i, int status, const Record& r) {
   std::fprintf(manifest, "%s %d %d %llu %u %u %u %u %u %u\n", kind, i, status,
                static_cast<unsigned long long>(r.timestamp), r.tag0, r.tag1, r.width, r.height, r.channels, r.size);
+  writeBytes(o.dir + "/" + kind + "_" + std::to_string(i) + ".raw", r.data, r.size);
 }
 
 void* createHandle(const std::string& dir) {
@@ -117,7 +101,7 @@ int reference(const Options& o) {
     cv::Mat stacked = LumoSynth::renderStereo(renderer, scene, i);
     if (!o.bgr) stacked = LumoSynth::toGrey(stacked);
     writeBytes(o.dir + "/frame_" + n + ".raw", stacked.data, stacked.total() * stacked.elemSize());
-    LumoImage frame = imageOf(stacked, timestamp);
+    LumoImage frame = LumoTest::wrapStacked(stacked, timestamp);
     frame.tag0 = static_cast<uint32_t>(i + 1);
     frame.tag1 = 0xABCD0000u + static_cast<uint32_t>(i);
     std::fprintf(manifest, "frame %d %llu %u %u\n", i, static_cast<unsigned long long>(timestamp), frame.tag0,
@@ -125,37 +109,26 @@ int reference(const Options& o) {
 
     const Eigen::Isometry3d T = LumoSynth::leftPose(scene, i);
     const Eigen::Quaterniond q(T.rotation());
-    LumoPose pose{};
-    pose.timestamp = timestamp;
-    const double values[7] = {T.translation().x(), T.translation().y(), T.translation().z(), q.w(), q.x(), q.y(), q.z()};
-    std::copy(values, values + 3, pose.position);
-    std::copy(values + 3, values + 7, pose.orientation);
-    writeBytes(o.dir + "/pose_" + n + ".raw", values, sizeof(values));
+    LumoPose pose{timestamp, {T.translation().x(), T.translation().y(), T.translation().z()}, {q.w(), q.x(), q.y(), q.z()}, {}};
+    writeBytes(o.dir + "/pose_" + n + ".raw", pose.position, 7 * sizeof(double));  // orientation follows position
     KORV_LUMO_D_FeedPose(handle, &pose);
     if (o.colour) {
       cv::Mat colour = LumoSynth::renderView(renderer, scene, i, 2);
       writeBytes(o.dir + "/colour_" + n + ".raw", colour.data, colour.total() * colour.elemSize());
-      LumoImage image = imageOf(colour, timestamp);
+      LumoImage image = LumoTest::wrapStacked(colour, timestamp);
       KORV_LUMO_D_FeedRGBImage(handle, &image);
     }
     if (KORV_LUMO_D_FeedStereoImage(handle, &frame) != 0) std::fprintf(stderr, "frame %d: feed failed\n", i);
 
     LumoDepthImage depth{}, disparity{};
     LumoImage aligned{}, rectified{};
-    depth.data = depthData.data();
-    disparity.data = disparityData.data();
-    aligned.data = alignedData.data();
-    rectified.data = rectifiedData.data();
+    depth.data = depthData.data(), disparity.data = disparityData.data();
+    aligned.data = alignedData.data(), rectified.data = rectifiedData.data();
     int status = KORV_LUMO_D_GetDepthImage(handle, &depth, &disparity, &aligned);
-    describe(manifest, "depth", i, status, depth);
-    describe(manifest, "disparity", i, status, disparity);
-    describe(manifest, "aligned", i, status, aligned);
-    writeBytes(o.dir + "/depth_" + n + ".raw", depthData.data(), depth.size);
-    writeBytes(o.dir + "/disparity_" + n + ".raw", disparityData.data(), disparity.size);
-    writeBytes(o.dir + "/aligned_" + n + ".raw", alignedData.data(), aligned.size);
-    status = KORV_LUMO_D_GetRectifiedImage(handle, &rectified);
-    describe(manifest, "rectified", i, status, rectified);
-    writeBytes(o.dir + "/rectified_" + n + ".raw", rectifiedData.data(), rectified.size);
+    output(o, manifest, "depth", i, status, depth);
+    output(o, manifest, "disparity", i, status, disparity);
+    output(o, manifest, "aligned", i, status, aligned);
+    output(o, manifest, "rectified", i, KORV_LUMO_D_GetRectifiedImage(handle, &rectified), rectified);
     LumoMap cloud{};
     cloud.points = cloudData.data();
     status = KORV_LUMO_D_GetPointcloud(handle, &cloud, static_cast<int>(room));
@@ -189,7 +162,7 @@ int bench(const Options& o) {
   while (std::scanf("%31s %d", command, &count) == 2) {
     const bool feed = std::strcmp(command, "frames") == 0;
     for (int i = 0; i < count; ++i) {
-      LumoImage frame = imageOf(grey, ++timestamp);
+      LumoImage frame = LumoTest::wrapStacked(grey, ++timestamp);
       LumoDepthImage depth{}, disparity{};
       depth.data = depthData.data();
       disparity.data = disparityData.data();

@@ -7,6 +7,8 @@ import subprocess
 import numpy as np
 import pytest
 
+import lumetra_depth as ld
+
 HOST = os.environ.get("LUMO_PYTHON_HOST", "")
 
 # Every key, quiet defaults: no alignment, filters or debug output.
@@ -80,3 +82,17 @@ def render(directory, width=320, height=200, frames=3, bgr=False, colour=False, 
 def grey_sequence(tmp_path_factory):
     """Grey 320x200 frames, synchronous, filters on: the plain set-up other tests reuse."""
     return render(str(tmp_path_factory.mktemp("grey")), enable_filter="true")
+
+
+@pytest.fixture(scope="module")
+def cam(grey_sequence):
+    """A handle on the grey sequence's configuration, shared by a module's tests."""
+    with ld.Depth(os.path.join(grey_sequence.dir, "config.yaml")) as c:
+        yield c
+
+
+@pytest.fixture
+def config(tmp_path, grey_sequence):
+    """Writes tmp_path/config.yaml, with the grey sequence's calibration unless changed."""
+    calib = os.path.join(grey_sequence.dir, "calib.yaml")
+    return lambda **changes: write_config(str(tmp_path), **dict(dict(calib_path=calib), **changes))

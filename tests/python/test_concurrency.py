@@ -9,31 +9,29 @@ import numpy as np
 import pytest
 
 import lumetra_depth as ld
-from conftest import render, write_config
+from conftest import render
 
 
-def config_beside(sequence, directory, **changes):
-    return write_config(str(directory), calib_path=os.path.join(sequence.dir, "calib.yaml"), **changes)
-
-
-def test_one_thread_feeds_while_another_reads(grey_sequence, tmp_path):
+# Three-channel frames, two matchers and the filters; the handle is closed
+# with the last frames still in flight.
+def test_one_thread_feeds_while_another_reads(grey_sequence, config):
     s = grey_sequence
     frames = 12
-    with ld.Depth(config_beside(s, tmp_path, async_mode="1", thread_num="2")) as cam:
+    with ld.Depth(config(async_mode="1", thread_num="2", enable_filter="true")) as cam:
         seen, failures = [], []
 
         def feed():
             try:
-                for k in range(1, frames + 1):
-                    cam.feed_stereo(s.frame(k % s.frames), 100 * k, tag0=k)
-                    time.sleep(0.01)
+                for k in range(1, frames + 4):
+                    cam.feed_stereo(np.repeat(s.frame(k % s.frames)[..., None], 3, axis=2), 100 * k, tag0=k)
+                    time.sleep(0.01 if k <= frames else 0)
             except Exception as e:  # reported by the main thread
                 failures.append(e)
 
         feeder = threading.Thread(target=feed)
         feeder.start()
         deadline = time.monotonic() + 60
-        while time.monotonic() < deadline and not (seen and seen[-1][0] == 100 * frames):
+        while time.monotonic() < deadline and not (seen and seen[-1][0] >= 100 * frames):
             try:
                 r = cam.depth()
                 assert r.depth.shape == (200, 320)
@@ -44,14 +42,14 @@ def test_one_thread_feeds_while_another_reads(grey_sequence, tmp_path):
             time.sleep(0.002)
         feeder.join()
         assert not failures
-        assert seen and seen[-1] == (100 * frames, frames)
+        assert seen and seen[-1][0] >= 100 * frames
         # Each depth carries the tags of the very frame it came from.
         assert all(t == 100 * tag for t, tag in seen)
 
 
-def test_a_waiting_feed_lets_other_threads_run_and_close_waits_for_it(grey_sequence, tmp_path):
+def test_a_waiting_feed_lets_other_threads_run_and_close_waits_for_it(grey_sequence, config):
     # No matcher: a synchronous feed waits its full 2 s for a depth that never comes.
-    cam = ld.Depth(config_beside(grey_sequence, tmp_path, thread_num="0", async_mode="0"))
+    cam = ld.Depth(config(thread_num="0", async_mode="0"))
     outcome = []
 
     def feed():

@@ -2,19 +2,11 @@
 here: label lists, letterboxing and back, decoding with per-class
 suppression, and objects placed on a depth image through the pinhole model."""
 import math
-import os
 
 import numpy as np
 import pytest
 
 import lumetra_depth as ld
-from conftest import write_config
-
-
-@pytest.fixture(scope="module")
-def cam(grey_sequence):
-    with ld.Depth(os.path.join(grey_sequence.dir, "config.yaml")) as c:
-        yield c
 
 
 def test_read_labels(tmp_path):
@@ -184,7 +176,7 @@ def test_locate_objects_against_the_pinhole_model(cam):
     assert cam.locate_objects(depth, []) == []
 
 
-def test_bad_detection_inputs_are_refused_and_the_host_goes_on(cam, tmp_path):
+def test_bad_detection_inputs_are_refused_and_the_host_goes_on(cam, config):
     image = np.zeros((20, 30), np.uint8)
     rows = np.zeros((4, 6), np.float32)
     depth = np.zeros((200, 320), np.float32)
@@ -228,12 +220,8 @@ def test_bad_detection_inputs_are_refused_and_the_host_goes_on(cam, tmp_path):
         with pytest.raises(kind) as caught:
             call()
         assert str(caught.value).startswith(message)
-    with ld.Depth(write_config(str(tmp_path), calib_path=None)) as uncalibrated:
+    with ld.Depth(config(calib_path=None)) as uncalibrated:
         with pytest.raises(ld.Error) as caught:
             uncalibrated.locate_objects(depth, [[0, 0, 1, 1]])
         assert str(caught.value) == "KORV_LUMO_D_LocateObjects refused the call (the configuration names no calib_path)"
-    closed = ld.Depth(os.path.join(os.path.dirname(cam.config_path), "config.yaml"))
-    closed.close()
-    with pytest.raises(ld.Error, match="^the lumetra_depth.Depth object is closed$"):
-        closed.locate_objects(depth, [[0, 0, 1, 1]])
     assert cam.locate_objects(depth, [[0, 0, 1, 1]])[0].status == "no_depth"

@@ -10,12 +10,6 @@ import lumetra_depth as ld
 from conftest import write_config
 
 
-@pytest.fixture(scope="module")
-def cam(grey_sequence):
-    with ld.Depth(os.path.join(grey_sequence.dir, "config.yaml")) as c:
-        yield c
-
-
 def test_bad_arguments_are_refused_and_the_host_goes_on(cam, grey_sequence):
     frame = grey_sequence.frame(0)
     view = frame[:200]
@@ -80,21 +74,20 @@ def test_refused_configurations_raise_the_reason(tmp_path, grey_sequence, capfd)
     assert "[ ERROR] initFromYaml(): init camera failed" in capfd.readouterr().out
 
 
-def test_nothing_yet_and_refused_feeds(tmp_path, grey_sequence):
+def test_nothing_yet_and_refused_feeds(config, grey_sequence):
     frame = grey_sequence.frame(0)
-    calib = os.path.join(grey_sequence.dir, "calib.yaml")
-    with ld.Depth(write_config(str(tmp_path), calib_path=calib)) as cam:
+    with ld.Depth(config()) as cam:
         for call in (cam.depth, cam.rectified, cam.point_cloud):
             with pytest.raises(ld.NotReady):
                 call()
-    for changes, reason in [(dict(enable_module="0", calib_path=calib), "enable_module is 0 in the configuration"),
+    for changes, reason in [(dict(enable_module="0"), "enable_module is 0 in the configuration"),
                             (dict(calib_path=None), "the configuration names no calib_path")]:
-        with ld.Depth(write_config(str(tmp_path), **changes)) as cam:
+        with ld.Depth(config(**changes)) as cam:
             with pytest.raises(ld.Error) as caught:
                 cam.feed_stereo(frame, 1)
             assert str(caught.value) == f"KORV_LUMO_D_FeedStereoImage refused the frame ({reason})"
             assert not isinstance(caught.value, (ld.Timeout, ld.NotReady))
-            if changes["calib_path"] is None:
+            if "calib_path" in changes:
                 with pytest.raises(ld.Error, match="no rectification"):
                     cam.rectify_info()
 
@@ -109,7 +102,8 @@ def test_a_closed_object_refuses_every_call(grey_sequence):
     calls = [lambda: cam.feed_stereo(frame, 1), lambda: cam.feed_stereo(frame[:200], frame[200:], 1),
              lambda: cam.feed_colour(frame, 1), lambda: cam.feed_pose(1, [0, 0, 0], [1, 0, 0, 0]), cam.depth,
              cam.rectified, cam.rectify_info, cam.point_cloud,
-             lambda: cam.coordinates([[0, 0]], np.zeros((2, 2), np.float32))]
+             lambda: cam.coordinates([[0, 0]], np.zeros((2, 2), np.float32)),
+             lambda: cam.locate_objects(np.zeros((2, 2), np.float32), [[0, 0, 1, 1]])]
     for call in calls:
         with pytest.raises(ld.Error, match="^the lumetra_depth.Depth object is closed$"):
             call()

@@ -1,11 +1,14 @@
 // A configuration file with every key, quiet defaults (no alignment, filters
-// or debug output), and per-test overrides.
+// or debug output), and per-test overrides; a handle made from such a file,
+// and a depth buffer for what it hands out.
 #pragma once
 
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "lumetra_depth.h"
+#include "support/CaptureOutput.h"
 #include "support/TempDir.h"
 
 namespace LumoTest {
@@ -65,6 +68,31 @@ class HostConfig {
 
  private:
   std::vector<std::pair<std::string, std::string>> entries_;
+};
+
+// A handle created from a configuration file (what creation printed is kept),
+// destroyed with the object: always with 0, whatever the handle was refused.
+struct Handle {
+  explicit Handle(const std::string& config) {
+    printed = captureStdout([&] { status = KORV_LUMO_D_CreateHandleWithConfig(&handle, config.c_str()); });
+  }
+  ~Handle() { EXPECT_EQ(KORV_LUMO_D_DestroyHandle(handle), 0); }
+  Handle(const Handle&) = delete;
+  Handle& operator=(const Handle&) = delete;
+  operator void*() const { return handle; }
+
+  void* handle = nullptr;
+  int status = -1;
+  std::string printed;
+};
+
+// Room for a depth or disparity image of `pixels` pixels, filled with `fill`.
+struct DepthBuffer {
+  explicit DepthBuffer(std::size_t pixels = 640 * 400, float fill = -1.0f) : data(pixels, fill) {
+    record.data = data.data();
+  }
+  std::vector<float> data;
+  LumoDepthImage record{};
 };
 
 }  // namespace LumoTest

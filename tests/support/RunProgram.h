@@ -1,5 +1,6 @@
 // Runs a program as a user would, without a shell, and collects its exit
-// status and what it printed on standard output and standard error.
+// status and what it printed on standard output and standard error; with
+// LUMO_TOOL defined, the command-line program and what its tests read back.
 #pragma once
 
 #include <fcntl.h>
@@ -7,6 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -19,17 +25,17 @@ struct ProgramResult {
   std::string out, err;
 };
 
-namespace detail {
-
-inline std::string slurpAndRemove(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
+inline std::string readText(const std::string& path) {
   std::ostringstream text;
-  text << in.rdbuf();
-  unlink(path.c_str());
+  text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
 }
 
-}  // namespace detail
+// The number printed after `label`; NaN when there is no such label.
+inline double numberAfter(const std::string& text, const std::string& label) {
+  const std::size_t at = text.find(label);
+  return at == std::string::npos ? NAN : std::strtod(text.c_str() + at + label.size(), nullptr);
+}
 
 inline ProgramResult runProgram(const std::string& program, const std::vector<std::string>& args) {
   char outPath[] = "/tmp/lumo_out_XXXXXX";
@@ -53,9 +59,28 @@ inline ProgramResult runProgram(const std::string& program, const std::vector<st
   }
   close(outFd);
   close(errFd);
-  result.out = detail::slurpAndRemove(outPath);
-  result.err = detail::slurpAndRemove(errPath);
+  result.out = readText(outPath);
+  result.err = readText(errPath);
+  unlink(outPath);
+  unlink(errPath);
   return result;
 }
+
+#ifdef LUMO_TOOL
+inline ProgramResult tool(const std::vector<std::string>& args) { return runProgram(LUMO_TOOL, args); }
+
+// DIR/PREFIX00000N.EXT, the program's numbering of frame n (n < 10 here).
+inline std::string numbered(const std::string& dir, const std::string& prefix, int n, const std::string& extension) {
+  return dir + "/" + prefix + "00000" + std::to_string(n) + extension;
+}
+
+// A failure told in one line on standard error that names the program and `mention`.
+inline void expectOneLineError(const ProgramResult& r, const std::string& mention) {
+  EXPECT_NE(r.status, 0);
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  EXPECT_EQ(r.err.rfind("lumetra-depth", 0), 0u) << r.err;
+  EXPECT_NE(r.err.find(mention), std::string::npos) << "stderr: " << r.err;
+}
+#endif
 
 }  // namespace LumoTest

@@ -19,11 +19,10 @@ namespace {
 
 using LumoTest::ProgramResult;
 using LumoTest::TempDir;
+using LumoTest::tool;
 using LumoTest::writeText;
 
 constexpr int kWidth = 640, kHeight = 400;  // smaller views leave too few disparity steps for 2 %
-
-ProgramResult tool(const std::vector<std::string>& args) { return LumoTest::runProgram(LUMO_TOOL, args); }
 
 using Rows = std::vector<std::vector<std::string>>;
 Rows readCsv(const std::string& path) {

@@ -22,26 +22,16 @@
 namespace {
 
 namespace fs = std::filesystem;
+using LumoTest::numberAfter;
 using LumoTest::ProgramResult;
+using LumoTest::readText;
 using LumoTest::TempDir;
+using LumoTest::tool;
 using LumoTest::writeText;
 
 // The map needs the default view size: at 320x200 the depth of the far
 // boxes is too coarse for centimetres.
 constexpr int kWidth = 640, kHeight = 400, kFrames = 5;
-
-ProgramResult tool(const std::vector<std::string>& args) { return LumoTest::runProgram(LUMO_TOOL, args); }
-
-std::string readText(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
-
-double numberAfter(const std::string& text, const std::string& label) {
-  const std::size_t at = text.find(label);
-  return at == std::string::npos ? NAN : std::strtod(text.c_str() + at + label.size(), nullptr);
-}
 
 std::uint64_t stamp(int frame) { return LumoSynth::aslTimestamp(LumoSynth::AslOptions(), frame); }
 
