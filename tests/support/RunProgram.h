@@ -31,6 +31,18 @@ inline std::string readText(const std::string& path) {
   return text.str();
 }
 
+// A file's lines split at commas.
+inline std::vector<std::vector<std::string>> readCsv(const std::string& path) {
+  std::vector<std::vector<std::string>> rows;
+  std::ifstream in(path);
+  for (std::string line; std::getline(in, line);) {
+    rows.emplace_back();
+    std::stringstream split(line);
+    for (std::string field; std::getline(split, field, ',');) rows.back().push_back(field);
+  }
+  return rows;
+}
+
 // The number printed after `label`; NaN when there is no such label.
 inline double numberAfter(const std::string& text, const std::string& label) {
   const std::size_t at = text.find(label);

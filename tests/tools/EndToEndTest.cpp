@@ -68,14 +68,12 @@ struct Sequence {
   LumoImage aligned{};                  // what the library left of a sentinel record
   std::string printed;  // the library's standard output while fed
 
-  // The configuration with one key's line replaced, as a new file beside it.
-  std::string variant(const std::string& name, const std::vector<std::pair<std::string, std::string>>& keys) const {
+  // The configuration with keys' lines replaced, and `more` lines after them, as a new file beside it.
+  std::string variant(const std::string& name, const std::vector<std::pair<std::string, std::string>>& keys,
+                      const std::string& more = "") const {
     std::string text = readText(config);
-    for (const auto& [key, value] : keys) {
-      const std::size_t at = text.find("\n" + key + ":") + 1;
-      text.replace(at, text.find('\n', at) - at, key + ": " + value);
-    }
-    writeText(path + "/" + name, text);
+    for (const auto& [key, value] : keys) text = withKey(text, key, value);
+    writeText(path + "/" + name, text + more);
     return path + "/" + name;
   }
 
@@ -403,7 +401,6 @@ TEST(ToolSequence, InfoShowsTheRigAndFlagsSettingsThatLookWrong) {
   writeText(s.path + "/millimetres.yaml", millimetres);
   writeText(s.path + "/omni.yaml", omni);
 
-  const std::string base = readText(s.config);
   for (const auto& [key, value, warning] : std::vector<std::array<std::string, 3>>{
            {"thread_num", "0", "creates no matcher"},
            {"stereo_img_scaling", "0.001", "the library says: the views are 0x0 pixels when matched"},
@@ -415,19 +412,18 @@ TEST(ToolSequence, InfoShowsTheRigAndFlagsSettingsThatLookWrong) {
            {"cloest_dist", "", "required key 'cloest_dist' is missing"},
            {"thread_num", "many", "is not a number"},
            {"stereo_img_scaling", "0.05", "the matcher needs at least 27x11 for its 16 disparities"}}) {
-    writeText(s.path + "/bad.yaml", withKey(base, key, value));
-    const ProgramResult r = tool({"info", s.path + "/bad.yaml"});
+    const std::string bad = s.variant("bad.yaml", {{key, value}});
+    const ProgramResult r = tool({"info", bad});
     EXPECT_NE(r.out.find(warning), std::string::npos) << key << ": " << r.out;
     expectOneLineError(r, "cannot produce depth");
     // run refuses the same file with one line instead of letting the library end it.
     const std::string named = warning.substr(warning.rfind("says: ") == std::string::npos ? 0 : warning.rfind("says: ") + 6);
-    expectOneLineError(tool({"run", s.path + "/bad.yaml", s.path, "--out", s.path + "/bad"}),
+    expectOneLineError(tool({"run", bad, s.path, "--out", s.path + "/bad"}),
                        named.substr(0, named.find(" (")));
   }
   // Doubtful settings are warnings only.
-  std::string doubtful = withKey(withKey(base, "pointcloud_ROI", "1.5"), "enable_filter", "ture");
-  writeText(s.path + "/doubtful.yaml", withKey(doubtful, "async_mode", "") + "asynch_mode: 0\n");
-  const ProgramResult r = tool({"info", s.path + "/doubtful.yaml"});
+  const ProgramResult r = tool({"info", s.variant("doubtful.yaml", {{"pointcloud_ROI", "1.5"}, {"enable_filter", "ture"},
+                                                                    {"async_mode", ""}}, "asynch_mode: 0\n")});
   EXPECT_EQ(r.status, 0);
   for (const char* warning : {"pointcloud_ROI 1.5 is outside (0, 1]",
                               "enable_filter: 'ture' reads as false (only true, yes, on and 1 read as true)",

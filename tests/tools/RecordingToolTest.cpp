@@ -123,14 +123,10 @@ TEST(ToolRecording, OutputsCarryTimeStampsAndTheFusedMapLiesOnTheTrueSurfaces) {
   // The same trajectory as text lines 't x y z qx qy qz qw' in seconds, without
   // the samples at the frames' times: interpolated, it places the frames alike.
   std::ostringstream text;
-  std::istringstream csv(readText(truthCsv()));
   int row = 0;
-  for (std::string line; std::getline(csv, line);) {
-    if (line[0] == '#' || row++ % 4 == 2) continue;  // samples 2, 6, ... sit at the frames' times
-    std::vector<std::string> f;
-    std::stringstream fields(line);
-    for (std::string field; std::getline(fields, field, ',');) f.push_back(field);
-    const std::string ns = f[0];
+  for (const std::vector<std::string>& f : LumoTest::readCsv(truthCsv())) {
+    if (f[0][0] == '#' || row++ % 4 == 2) continue;  // samples 2, 6, ... sit at the frames' times
+    const std::string& ns = f[0];
     text << ns.substr(0, ns.size() - 9) << "." << ns.substr(ns.size() - 9) << " " << f[1] << " " << f[2] << " "
          << f[3] << " " << f[5] << " " << f[6] << " " << f[7] << " " << f[4] << "\n";
   }
