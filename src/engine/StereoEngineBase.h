@@ -32,8 +32,8 @@ class StereoEngineBase {
   virtual int getImageScale(float* scale) const = 0;
   virtual bool isInitialized() const = 0;
 
-  // Called on the worker's thread each time a result becomes ready, so that
-  // the collector can sleep until then. Set before the first frame is fed.
+  // Called each time a result becomes ready: the collector sleeps until then,
+  // so an engine must announce every result. Set before the first frame is fed.
   void setResultListener(std::function<void()> listener) { resultListener_ = std::move(listener); }
 
  protected:

@@ -28,6 +28,7 @@ namespace {
 constexpr float kFloatEpsilon = std::numeric_limits<float>::epsilon();
 constexpr int kSyncPolls = 2000;
 constexpr int kSyncPollsDebug = 200000;  // debug dumps are slow
+constexpr int kRemapBandPixels = 1 << 16;  // OpenCV splits a remap per 64 Ki pixels
 
 }  // namespace
 
@@ -114,6 +115,14 @@ void StereoDepth::freeBuffers() {
 }
 
 void StereoDepth::addEngine(std::unique_ptr<StereoEngineBase> engine) {
+  std::lock_guard<std::mutex> lock(engineMutex_);
+  adoptEngine(std::move(engine));
+}
+
+// With the engine mutex. Every engine the pipeline holds comes through here, so
+// that each one wakes the result thread when it has a result: that thread
+// sleeps until then.
+void StereoDepth::adoptEngine(std::unique_ptr<StereoEngineBase> engine) {
   if (engine == nullptr) return;
   engine->setResultListener([this] {
     {
@@ -122,7 +131,6 @@ void StereoDepth::addEngine(std::unique_ptr<StereoEngineBase> engine) {
     }
     engineReadyCondition_.notify_one();
   });
-  std::lock_guard<std::mutex> lock(engineMutex_);
   engines_.push_back(std::move(engine));
 }
 
@@ -307,11 +315,20 @@ void StereoDepth::rectifyViews(const LumoImage& frame) {
   rectified_->size = frame.width * frame.height * channels;
   const std::vector<cv::Mat>& map1 = calibration_.map1();
   const std::vector<cv::Mat>& map2 = calibration_.map2();
+  // Remapped in bands of at most 64 Ki pixels, which OpenCV keeps on this
+  // thread: a whole view would go to its thread pool, whose workers wake late
+  // and then spin, holding back the matcher's thread. Bands give the same pixels.
+  const int band = std::max(1, kRemapBandPixels / cols);
   for (int view = 0; view < 2; ++view) {
     const std::size_t offset = view * halfBytes;
-    cv::remap(cv::Mat(rows, cols, CV_8UC(channels), const_cast<uint8_t*>(views) + offset),
-              cv::Mat(rows, cols, CV_8UC(channels), rectified_->data + offset), map1[view], map2[view],
-              cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
+    const cv::Mat source(rows, cols, CV_8UC(channels), const_cast<uint8_t*>(views) + offset);
+    cv::Mat target(rows, cols, CV_8UC(channels), rectified_->data + offset);
+    for (int first = 0; first < rows; first += band) {
+      const cv::Range bandRows(first, std::min(rows, first + band));
+      cv::Mat targetBand = target.rowRange(bandRows);
+      cv::remap(source, targetBand, map1[view].rowRange(bandRows), map2[view].rowRange(bandRows), cv::INTER_LINEAR,
+                cv::BORDER_CONSTANT, cv::Scalar());
+    }
   }
 }
 
@@ -363,12 +380,11 @@ void StereoDepth::updateResult() {
   }
 }
 
-// Sleeps until an engine announces a result (or the pipeline stops). The
-// announcement stays set if it came while this thread was busy; a short
-// timeout keeps the thread looking even if an engine never announces.
+// Sleeps until an engine announces a result or the pipeline stops. An
+// announcement made while this thread was busy stays set, so none is missed.
 void StereoDepth::waitForEngineResult() {
   std::unique_lock<std::mutex> lock(engineReadyMutex_);
-  engineReadyCondition_.wait_for(lock, std::chrono::milliseconds(20), [this] { return engineReady_; });
+  engineReadyCondition_.wait(lock, [this] { return engineReady_; });
   engineReady_ = false;
 }
 

@@ -127,6 +127,7 @@ class StereoDepth {
   void carryFrameTags(LumoDepthImage* result);
   bool depthOfFrameReady(uint64_t timestamp);  // with resultMutex_ held
   void recreateEngines();
+  void adoptEngine(std::unique_ptr<StereoEngineBase> engine);
   bool sizesFitBuffers();
   std::string settingsProblem() const;
   bool alignCameraMissing(const char* function);

@@ -250,7 +250,7 @@ void StereoDepth::recreateEngines() {
     auto engine = StereoEngineFactory::createStereoEngine(working.width, working.height, 3, modelPath_, calibration_.baseline(),
                                                           focal, debugImage_, debugImgSavePath_, depthMode_, 1.0f,
                                                           wlsFilter_);
-    if (engine != nullptr) engines_.push_back(std::move(engine));
+    adoptEngine(std::move(engine));
   }
 }
 

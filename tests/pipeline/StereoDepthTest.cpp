@@ -11,6 +11,8 @@
 #include <string>
 #include <thread>
 
+#include <opencv2/imgproc.hpp>
+
 #include "pipeline/LumoImageRing.h"
 #include "pipeline/StereoDepth.h"
 #include "support/CalibrationFixtures.h"
@@ -68,6 +70,7 @@ class ThrowingEngine : public StereoEngineBase {
   int feedImage(LumoImage*) override {
     ready = true;
     ++fed;
+    announceResult();
     throw std::runtime_error("feed exploded");
   }
   int getImageScale(float* scale) const override { return *scale = 1.0f, 0; }
@@ -100,6 +103,40 @@ TEST(StereoDepthLifecycle, ExceptionsOnThePipelineThreadsDropTheFrameOnly) {
   EXPECT_NE(printed.find("[ ERROR] preprocessLoop(): frame 2 dropped: feed exploded\n"), std::string::npos) << printed;
   EXPECT_NE(printed.find("[ ERROR] updateResult(): result dropped: OpenCV"), std::string::npos) << printed;
   EXPECT_NE(printed.find("result exploded in function 'getResult'\n"), std::string::npos) << printed;
+}
+
+// The rectified pair the host reads is each view remapped whole with the
+// pipeline's maps (the pipeline remaps in row bands), grey or colour.
+TEST(StereoDepthRectification, ViewsAreTheWholeViewRemapOfTheFrame) {
+  LumoTest::TempDir dir;
+  StereoDepth pipeline;
+  // 640 wide: bands of 102 rows, the last of a 400-row view shorter.
+  using Access = StereoDepthTestAccess;
+  ASSERT_EQ(LumoTest::configure(pipeline, dir, LumoTest::ConfigOptions{640, 400}, LumoTest::syntheticRig("radtan")), 0);
+  cv::Mat grey(800, 640, CV_8UC1), colour(800, 640, CV_8UC3);
+  cv::randu(grey, 0, 256);
+  cv::randu(colour, cv::Scalar::all(0), cv::Scalar::all(256));
+  uint64_t stamp = 0;
+  for (cv::Mat frame : {grey, colour}) {
+    LumoImage image = LumoTest::wrapStacked(frame, ++stamp);
+    ASSERT_EQ(pipeline.feedStereoImage(&image), 0);
+    cv::Mat read(800, 640, CV_8UC3);
+    LumoImage out{};
+    out.data = read.data;
+    for (int i = 0; i < 5000 && (pipeline.getRectifyImage(&out) != 0 || out.timestamp != stamp); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_EQ(out.timestamp, stamp);
+    cv::Mat expected(800, 640, frame.type());
+    for (int view = 0; view < 2; ++view) {
+      const cv::Range rows(400 * view, 400 * (view + 1));
+      cv::Mat half = expected.rowRange(rows);
+      cv::remap(frame.rowRange(rows), half, Access::map1(pipeline)[view], Access::map2(pipeline)[view],
+                cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
+    }
+    if (frame.channels() == 1) cv::cvtColor(expected, expected, cv::COLOR_GRAY2BGR);
+    EXPECT_EQ(cv::norm(read, expected, cv::NORM_INF), 0.0) << frame.channels() << " channels";
+  }
 }
 
 template <typename Fn>
