@@ -44,8 +44,12 @@ soak: build
 	TSAN_OPTIONS=suppressions=$(CURDIR)/tests/support/tsan.supp:halt_on_error=1 \
 	  build-tsan/tests/soak/lumo_soak --frames $(SOAK_TSAN_FRAMES) --frame-period-us 50000 --time-limit 900 --stall-limit 120 --rss-slack-mb 0
 
+# Medians of interleaved repetitions: this kind of machine drifts in speed
+# within a run, and a ratio of two figures taken minutes apart would drift too.
+BENCH_FLAGS ?= --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true
+
 bench: build
-	$(BUILD_DIR)/bench/lumo_bench
+	$(BUILD_DIR)/bench/lumo_bench $(BENCH_FLAGS)
 	/usr/bin/python3 bench/python_overhead.py $(BUILD_DIR)
 
 # The Debian package of the build (library with its links, header, CMake and

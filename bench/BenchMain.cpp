@@ -1,8 +1,9 @@
 // Runs the benchmarks and then prints, for each pair registered with
-// LUMO_RATIO, the time of the first relative to the second from the same run;
-// last, the performance goals of the pipeline with the figures of this run.
+// LUMO_RATIO, the time of the first relative to the second from the same run
+// (medians when repeated); last, the pipeline's goals with this run's figures.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -12,20 +13,36 @@
 
 namespace {
 
+// Keeps every repetition's time per iteration and shows only the medians when
+// repeated: the machine's speed drifts during a run, so the figures come from
+// interleaved repetitions.
 class RecordingReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
+    std::vector<Run> shown;
     for (const Run& run : runs) {
       if (run.run_type == Run::RT_Iteration && run.iterations > 0) {
-        seconds_[run.benchmark_name()] = run.real_accumulated_time / static_cast<double>(run.iterations);
+        times_[run.benchmark_name()].push_back(run.real_accumulated_time / static_cast<double>(run.iterations));
+      }
+      if (run.repetitions <= 1 || (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")) {
+        shown.push_back(run);
       }
     }
-    ConsoleReporter::ReportRuns(runs);
+    if (!shown.empty()) ConsoleReporter::ReportRuns(shown);
   }
-  const std::map<std::string, double>& seconds() const { return seconds_; }
+  // The median time per iteration of each benchmark, in seconds.
+  std::map<std::string, double> seconds() const {
+    std::map<std::string, double> medians;
+    for (auto [name, times] : times_) {
+      std::sort(times.begin(), times.end());
+      const std::size_t n = times.size();
+      medians[name] = n % 2 == 1 ? times[n / 2] : 0.5 * (times[n / 2 - 1] + times[n / 2]);
+    }
+    return medians;
+  }
 
  private:
-  std::map<std::string, double> seconds_;
+  std::map<std::string, std::vector<double>> times_;
 };
 
 // The pipeline's goals against the bare matcher or the engine: the figure
@@ -110,11 +127,12 @@ int main(int argc, char** argv) {
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
 
+  const std::map<std::string, double> seconds = reporter.seconds();
   bool header = false;
   for (const LumoBench::Ratio& ratio : LumoBench::ratios()) {
-    const auto a = reporter.seconds().find(ratio.numerator);
-    const auto b = reporter.seconds().find(ratio.denominator);
-    if (a == reporter.seconds().end() || b == reporter.seconds().end() || b->second <= 0.0) continue;
+    const auto a = seconds.find(ratio.numerator);
+    const auto b = seconds.find(ratio.denominator);
+    if (a == seconds.end() || b == seconds.end() || b->second <= 0.0) continue;
     if (!header) {
       std::printf("\n%-48s %12s %12s %8s\n", "ratio (same run)", "ms", "base ms", "x");
       header = true;
@@ -122,6 +140,6 @@ int main(int argc, char** argv) {
     std::printf("%-48s %12.3f %12.3f %8.3f\n", ratio.label.c_str(), a->second * 1e3, b->second * 1e3,
                 a->second / b->second);
   }
-  printGoals(reporter.seconds());
+  printGoals(seconds);
   return 0;
 }
