@@ -18,6 +18,7 @@
 #include "BenchRatios.h"
 #include "engine/StereoCVEngine.h"
 #include "lumetra_depth.h"
+#include "pipeline/StageTimeline.h"
 #include "support/HostConfig.h"
 #include "support/TempDir.h"
 #include "synth/SyntheticStereo.h"
@@ -64,6 +65,23 @@ void* createHandle(const Fixture& f, int width, int height, double scale, int as
   void* handle = nullptr;
   KORV_LUMO_D_CreateHandleWithConfig(&handle, path.c_str());
   return handle;
+}
+
+// The median time of each step of a frame's way, in ms, as counters of the
+// benchmark: a step ends at its stage's mark and starts at the mark before it.
+void reportStages(benchmark::State& state, const std::vector<KorvLumetra::StageMark>& marks) {
+  static const char* const kSteps[KorvLumetra::kStageCount] = {
+      "host ms", "intake ms", "rectify ms", "match ms", "take ms", "filter ms", "cloud ms", "output ms"};
+  std::vector<double> steps[KorvLumetra::kStageCount];
+  for (std::size_t i = 1; i < marks.size(); ++i) {
+    steps[static_cast<int>(marks[i].stage)].push_back((marks[i].nanoseconds - marks[i - 1].nanoseconds) * 1e-6);
+  }
+  for (int stage = 0; stage < KorvLumetra::kStageCount; ++stage) {
+    std::vector<double>& times = steps[stage];
+    if (times.empty()) continue;
+    std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
+    state.counters[kSteps[stage]] = times[times.size() / 2];
+  }
 }
 
 LumoImage frameOf(const cv::Mat& stacked, uint64_t timestamp) {
@@ -128,11 +146,13 @@ void BM_PipelineSync(benchmark::State& state) {
     LumoImage frame = frameOf(stacked, ++timestamp);
     KORV_LUMO_D_FeedStereoImage(handle, &frame);
   }
+  KorvLumetra::takeStageMarks();
   for (auto _ : state) {
     LumoImage frame = frameOf(stacked, ++timestamp);
     if (KORV_LUMO_D_FeedStereoImage(handle, &frame) != 0) state.SkipWithError("synchronous feed timed out");
     KORV_LUMO_D_GetDepthImage(handle, &record, nullptr, nullptr);
   }
+  reportStages(state, KorvLumetra::takeStageMarks());
   KORV_LUMO_D_DestroyHandle(handle);
 }
 // Arguments: width, height, scaling in per cent, channels of the fed frame.

@@ -20,6 +20,7 @@
 #include "api/DebugDump.h"
 #include "api/ErrorLog.h"
 #include "engine/FrameRecords.h"
+#include "pipeline/StageTimeline.h"
 
 namespace KorvLumetra {
 
@@ -125,6 +126,7 @@ void StereoDepth::addEngine(std::unique_ptr<StereoEngineBase> engine) {
 void StereoDepth::adoptEngine(std::unique_ptr<StereoEngineBase> engine) {
   if (engine == nullptr) return;
   engine->setResultListener([this] {
+    markStage(Stage::kEngineResult);
     {
       std::lock_guard<std::mutex> lock(engineReadyMutex_);
       engineReady_ = true;
@@ -148,6 +150,7 @@ int StereoDepth::setDepthAlignedInfo(int cameraIndex, bool direction, bool enabl
 }
 
 int StereoDepth::feedStereoImage(LumoImage* frame) {
+  markStage(Stage::kFed);
   if (refusedConfiguration("feedStereoImage")) return 1;
   if (moduleEnabled_ == 0) {
     logError("feedStereoImage", "depth module is not enabled");
@@ -254,10 +257,12 @@ void StereoDepth::preprocessLoop() {
   pthread_setname_np(pthread_self(), "KorvDepthPre");
   while (LumoImage* frame = takeFrame()) {
     // An exception must not end the host: the frame is dropped, the thread goes on.
+    markStage(Stage::kPreprocessing);
     try {
       if (!toEngineChannels(*frame)) continue;
       rectifyViews(*frame);
       handToEngine();
+      markStage(Stage::kHandedToEngine);
     } catch (const std::exception& e) {
       logErrorf("preprocessLoop", "frame %llu dropped: %s\n", static_cast<unsigned long long>(frame->timestamp),
                 oneLine(e.what()).c_str());
@@ -400,16 +405,20 @@ bool StereoDepth::resultCycle() {
     const bool collected = collectResult(*engine);
     engineLock.unlock();
     if (!collected) return true;
+    markStage(Stage::kResultTaken);
     filterDepth();
     publishResult();
+    markStage(Stage::kFiltered);
   }
   generatePointCloud();
+  markStage(Stage::kCloudBuilt);
   std::unique_lock<std::mutex> resultLock(resultMutex_, std::defer_lock);
   const LumoDepthImage* output = alignWithColour(resultLock);
   if (output == nullptr) return true;
   restoreResultsSize(*output);
   dumpResult();
   resultLock.unlock();
+  markStage(Stage::kOutputReady);
   resultCondition_.notify_all();
   return true;
 }
