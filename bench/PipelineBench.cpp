@@ -222,6 +222,7 @@ void BM_PipelineAsync(benchmark::State& state) {
     LumoImage frame = frameOf(f.grey, ++fed);
     KORV_LUMO_D_FeedStereoImage(handle, &frame);
   }
+  KorvLumetra::takeStageMarks();
   for (int i = 0; i < threads; ++i) {
     LumoImage frame = frameOf(f.grey, ++fed);
     KORV_LUMO_D_FeedStereoImage(handle, &frame);
@@ -240,6 +241,7 @@ void BM_PipelineAsync(benchmark::State& state) {
     KORV_LUMO_D_FeedStereoImage(handle, &frame);
   }
   state.counters["fps"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  if (threads == 1) reportStages(state, KorvLumetra::takeStageMarks());  // one frame at a time: steps in order
   KORV_LUMO_D_DestroyHandle(handle);
 }
 BENCHMARK(BM_PipelineAsync)
